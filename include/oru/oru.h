@@ -1,0 +1,20 @@
+// Umbrella header: includes every public header of liboru.
+//
+//   #include <oru/oru.h>
+//
+// Everything lives in namespace oru. See README.md for an overview and
+// docs/ARCHITECTURE.md for how the pieces fit together.
+#pragma once
+
+#include "oru/export.h"
+#include "oru/make_shared_enabler.h"
+#include "oru/string_span.h"
+
+#include "oru/compressed_data_source.h"
+#include "oru/data_source.h"
+#include "oru/data_stream.h"
+#include "oru/file_data_source.h"
+#include "oru/line_reader.h"
+#include "oru/sparse_data_source.h"
+
+#include "oru/encoding.h"

@@ -1,0 +1,694 @@
+// Compressed sources: gzip and zlib streams inflated through both kinds (over
+// a file and over memory), gzip headers with every optional field, files made
+// by the gzip tool and by Python, the compressed-length limit, truncated and
+// corrupt streams, seeking inside what has been inflated, and the properties
+// forwarded to the underlying source.
+#include "oru/compressed_data_source.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "oru/data_source.h"
+#include "oru/file_data_source.h"
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Deflate;
+using test::HaveTool;
+using test::RandomBytes;
+using test::ReadFile;
+using test::TempDir;
+using test::WriteFile;
+
+// ---- helpers ---------------------------------------------------------------------
+
+std::string Read(DataSource& src, uint64_t count) {
+  std::string out(static_cast<size_t>(count), '\0');
+  const uint64_t got = src.GetBytes(reinterpret_cast<std::byte*>(out.data()), count);
+  out.resize(static_cast<size_t>(got));
+  return out;
+}
+
+// Everything the source delivers, `step` bytes per call.
+std::string ReadAll(DataSource& src, uint64_t step) {
+  std::string out;
+  std::vector<char> piece(static_cast<size_t>(step));
+  while (const uint64_t got = src.GetBytes(reinterpret_cast<std::byte*>(piece.data()), step))
+    out.append(piece.data(), static_cast<size_t>(got));
+  return out;
+}
+
+std::string Text(size_t size) {
+  std::string s;
+  for (int i = 0; s.size() < size; ++i)
+    s += "line " + std::to_string(i) + ": the quick brown fox jumps over the lazy dog\n";
+  s.resize(size);
+  return s;
+}
+
+// Alternating runs of text (compresses well) and random bytes (does not).
+std::string Mixed(size_t size) {
+  std::string s;
+  for (unsigned i = 0; s.size() < size; ++i)
+    s += i % 2 == 0 ? Text(150000) : RandomBytes(110000, i);
+  s.resize(size);
+  return s;
+}
+
+void AppendLe32(std::string& s, uint32_t v) {
+  for (int i = 0; i < 4; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
+}
+
+uint32_t Crc32(const std::string& s) {
+  return static_cast<uint32_t>(
+      crc32(0, reinterpret_cast<const Bytef*>(s.data()), static_cast<uInt>(s.size())));
+}
+
+// gzip header flag bits (RFC 1952).
+constexpr int FHCRC = 2;
+constexpr int FEXTRA = 4;
+constexpr int FNAME = 8;
+constexpr int FCOMMENT = 16;
+
+// A gzip member made by hand, so that every optional header field can be
+// present: the fixed header, then extra field, name, comment and header CRC
+// as `flags` asks, then raw deflate data and the CRC-32/length trailer.
+std::string GzipHeader(int flags, const std::string& extra, const std::string& name,
+                       const std::string& comment) {
+  std::string h = {'\x1F', '\x8B', '\x08', static_cast<char>(flags)};
+  AppendLe32(h, 1609459200);  // modification time
+  h += '\x00';                // extra flags
+  h += '\x03';                // operating system: Unix
+  if (flags & FEXTRA) {
+    h += static_cast<char>(extra.size() & 0xFF);
+    h += static_cast<char>(extra.size() >> 8);
+    h += extra;
+  }
+  if (flags & FNAME) h += name + '\0';
+  if (flags & FCOMMENT) h += comment + '\0';
+  if (flags & FHCRC) {
+    const uint32_t crc = Crc32(h);
+    h += static_cast<char>(crc & 0xFF);
+    h += static_cast<char>((crc >> 8) & 0xFF);
+  }
+  return h;
+}
+
+std::string GzipMember(const std::string& data, int flags, const std::string& extra = "",
+                       const std::string& name = "", const std::string& comment = "") {
+  std::string g = GzipHeader(flags, extra, name, comment) + Deflate(data, 'r');
+  AppendLe32(g, Crc32(data));
+  AppendLe32(g, static_cast<uint32_t>(data.size()));
+  return g;
+}
+
+// A source that is not a compressed stream at all: the reserved block type
+// (BFINAL 1, BTYPE 11) as the first deflate byte.
+const std::string kBadBlock("\x07\x00\x00\x00\x00\x00\x00\x00", 8);
+
+// ---- both kinds -------------------------------------------------------------------
+
+enum class Kind { File, Memory };
+
+class CompressedSourceTest : public testing::TestWithParam<Kind> {
+protected:
+  // A compressed source over `bytes`, created with the underlying source at
+  // `start`; the underlying source is kept in `under`.
+  std::shared_ptr<CompressedDataSource> Open(const std::string& bytes, uint64_t n = 0,
+                                             int64_t start = 0) {
+    if (GetParam() == Kind::File) {
+      const std::string path = dir.File("stream" + std::to_string(files++));
+      WriteFile(path, bytes);
+      auto file = FileDataSource::Create(path);
+      EXPECT_NE(file, nullptr);
+      if (!file) return {};
+      EXPECT_EQ(file->Seek(start, DataSource::DS_SEEK_SET), 0);
+      under = file;
+      return CompressedFileDataSource::Create(file, n);
+    }
+    auto memory = InMemoryDataSource::Create(std::string(bytes), false);
+    EXPECT_EQ(memory->Seek(start, DataSource::DS_SEEK_SET), 0);
+    under = memory;
+    return CompressedInMemoryDataSource::Create(memory, n);
+  }
+
+  TempDir dir;
+  int files = 0;
+  std::shared_ptr<DataSource> under;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, CompressedSourceTest, testing::Values(Kind::File, Kind::Memory),
+                         [](const testing::TestParamInfo<Kind>& info) {
+                           return info.param == Kind::File ? "File" : "Memory";
+                         });
+
+TEST_P(CompressedSourceTest, ZlibStream) {
+  const std::string data = Text(5000);
+  auto src = Open(Deflate(data, 'z'));
+  ASSERT_NE(src, nullptr);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), 'l');
+  EXPECT_EQ(Read(*src, 4), "ine ");
+  EXPECT_EQ(src->GetOffset(), 5u);
+  EXPECT_EQ(ReadAll(*src, 333), data.substr(5));
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_EQ(src->GetOffset(), data.size());
+}
+
+TEST_P(CompressedSourceTest, GzipStreamWrittenByZlib) {
+  const std::string data = Text(70000);
+  auto src = Open(Deflate(data, 'g', 9));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 4096), data);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_P(CompressedSourceTest, EveryCombinationOfOptionalGzipFields) {
+  const std::string data = Text(3000);
+  // 300 bytes, so that both bytes of the extra field's length matter.
+  const std::string extra = RandomBytes(300, 3);
+  for (int flags = 0; flags < 32; flags += 2) {
+    SCOPED_TRACE("flags " + std::to_string(flags));
+    auto src = Open(GzipMember(data, flags, extra, "name.txt", "a comment, with \xC3\xA9"));
+    ASSERT_NE(src, nullptr);
+    EXPECT_EQ(ReadAll(*src, 1000), data);
+  }
+}
+
+TEST_P(CompressedSourceTest, EmptyFieldsInTheGzipHeader) {
+  const std::string data = "tiny";
+  auto src = Open(GzipMember(data, FEXTRA | FNAME | FCOMMENT | FHCRC, "", "", ""));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 10), data);
+}
+
+TEST_P(CompressedSourceTest, GzipTrailerIsNotChecked) {
+  const std::string data = Text(2000);
+  std::string gz = GzipMember(data, 0);
+  for (size_t i = gz.size() - 8; i < gz.size(); ++i) gz[i] = static_cast<char>(~gz[i]);
+  auto src = Open(gz);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 100), data);
+}
+
+TEST_P(CompressedSourceTest, OnlyTheFirstGzipMemberIsRead) {
+  auto src = Open(GzipMember("first", 0) + GzipMember("second", 0));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 100), "first");
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_P(CompressedSourceTest, EmptyStream) {
+  auto src = Open(Deflate("", 'z'));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  std::byte b[4];
+  EXPECT_EQ(src->GetBytes(b, 4), 0u);
+}
+
+TEST_P(CompressedSourceTest, LargeStreamReadInPiecesOfEverySize) {
+  // Over 5 MB: many output chunks and, for files, many input blocks.
+  const std::string data = Mixed(5 * 1024 * 1024 + 123);
+  const std::string z = Deflate(data, 'z');
+  for (uint64_t step : {uint64_t{13}, uint64_t{4096}, uint64_t{65536}, uint64_t{65537},
+                        uint64_t{1} << 20, uint64_t{8} << 20}) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    auto src = Open(z);
+    ASSERT_NE(src, nullptr);
+    const std::string got = ReadAll(*src, step);
+    ASSERT_EQ(got.size(), data.size());
+    EXPECT_TRUE(got == data);
+    EXPECT_TRUE(src->IsEndOfBuffer());
+  }
+}
+
+TEST_P(CompressedSourceTest, ByteReadsMatchBlockReads) {
+  const std::string data = Mixed(300000);
+  auto src = Open(Deflate(data, 'z'));
+  ASSERT_NE(src, nullptr);
+  std::string got;
+  for (int c = src->GetByte(); c != -1; c = src->GetByte()) got += static_cast<char>(c);
+  EXPECT_TRUE(got == data);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_P(CompressedSourceTest, MadeByTheUnderlyingSource) {
+  const std::string data = Text(1000);
+  const std::string gz = GzipMember(data, FNAME, "", "inner.txt");
+  ASSERT_NE(Open("PREFIX" + gz), nullptr);  // only for `under`
+  ASSERT_EQ(under->Seek(6, DataSource::DS_SEEK_SET), 0);
+  auto src = under->CompressedDataSourceFromThis(0);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 100), data);
+}
+
+// ---- the compressed-length limit and damaged streams ------------------------------------
+
+TEST_P(CompressedSourceTest, LimitStopsBeforeTrailingBytes) {
+  const std::string data = Text(20000);
+  const std::string z = Deflate(data, 'z');
+  const std::string trailing = RandomBytes(1000, 9);
+  auto src = Open(z + trailing, z.size());
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 512), data);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_P(CompressedSourceTest, LimitInsideTheStreamEndsItThere) {
+  // The stream is cut by the limit, not by the data: what follows must not be
+  // fed to inflate, or it would be inflated as garbage or fail.
+  const std::string data = Text(200000);
+  const std::string z = Deflate(data, 'z');
+  const uint64_t n = z.size() / 2;
+  auto src = Open(z + RandomBytes(100000, 11), n);
+  ASSERT_NE(src, nullptr);
+  std::string got;
+  ASSERT_NO_THROW(got = ReadAll(*src, 4096));
+  EXPECT_GT(got.size(), 0u);
+  EXPECT_LT(got.size(), data.size());
+  EXPECT_TRUE(got == data.substr(0, got.size()));
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_P(CompressedSourceTest, TruncatedStreamEndsWithWhatCouldBeInflated) {
+  const std::string data = Mixed(400000);
+  for (char format : {'z', 'g'}) {
+    SCOPED_TRACE(std::string("format ") + format);
+    const std::string full = Deflate(data, format);
+    auto src = Open(full.substr(0, full.size() * 3 / 5));
+    ASSERT_NE(src, nullptr);
+    std::string got;
+    ASSERT_NO_THROW(got = ReadAll(*src, 10000));
+    EXPECT_GT(got.size(), 0u);
+    EXPECT_LT(got.size(), data.size());
+    EXPECT_TRUE(got == data.substr(0, got.size()));
+    EXPECT_TRUE(src->IsEndOfBuffer());
+  }
+}
+
+TEST_P(CompressedSourceTest, CorruptDeflateDataThrowsFromReads) {
+  {
+    auto src = Open("\x78\x9C" + kBadBlock);  // a good zlib header
+    ASSERT_NE(src, nullptr);
+    std::byte b[16];
+    EXPECT_THROW(src->GetBytes(b, 16), UnrecognizedCompressedFormat);
+  }
+  {
+    auto src = Open(GzipHeader(0, "", "", "") + kBadBlock);
+    ASSERT_NE(src, nullptr);
+    EXPECT_THROW(src->GetByte(), UnrecognizedCompressedFormat);
+  }
+}
+
+TEST_P(CompressedSourceTest, WrongZlibChecksumThrows) {
+  const std::string data = Text(5000);
+  std::string z = Deflate(data, 'z');
+  z.back() = static_cast<char>(z.back() ^ 1);  // the Adler-32 at the end
+  auto src = Open(z);
+  ASSERT_NE(src, nullptr);
+  EXPECT_THROW(ReadAll(*src, 1000), UnrecognizedCompressedFormat);
+}
+
+TEST_P(CompressedSourceTest, RawDeflateIsNotRecognised) {
+  // A raw deflate stream's first byte never has compression method 8 in its
+  // low nibble, so it is not a zlib header; Create cannot tell, inflate can.
+  auto src = Open(Deflate(Text(1000), 'r'));
+  ASSERT_NE(src, nullptr);
+  std::byte b[16];
+  EXPECT_THROW(src->GetBytes(b, 16), UnrecognizedCompressedFormat);
+}
+
+TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
+  const std::string named = GzipMember("x", FNAME, "", "long-name.txt");
+  const std::string commented = GzipMember("x", FCOMMENT, "", "", "a comment");
+  const std::string cases[] = {
+      std::string(),
+      std::string("\x1F"),
+      std::string("\x1F\x8B"),                       // no method or flags
+      std::string("\x1F\x8B\x08"),                   // no flags
+      named.substr(0, 10 + 4),                       // inside the name
+      commented.substr(0, 10 + 3),                   // inside the comment
+      GzipHeader(FEXTRA, "", "", "").substr(0, 11),  // half the extra length
+  };
+  for (const std::string& bytes : cases) {
+    SCOPED_TRACE("header of " + std::to_string(bytes.size()) + " bytes");
+    EXPECT_THROW(Open(bytes), UnrecognizedCompressedFormat);
+  }
+}
+
+TEST(UnrecognizedCompressedFormat, Message) {
+  EXPECT_STREQ(UnrecognizedCompressedFormat().what(), "Unrecognized Compressed Format.");
+}
+
+TEST(CompressedInMemoryDataSource, HeaderRunningPastTheEndThrowsFromCreate) {
+  // Memory refuses to seek past its end, so skips that leave the data fail
+  // at once (a file would allow the seek).
+  const std::string cases[] = {
+      std::string("\x1F\x8B\x08\x00\x00\x00", 6),  // fixed header cut
+      GzipHeader(FEXTRA, std::string(300, 'e'), "", "").substr(0, 12 + 100),
+      GzipHeader(FHCRC, "", "", "").substr(0, 11),  // half the header CRC
+  };
+  for (const std::string& bytes : cases) {
+    SCOPED_TRACE("header of " + std::to_string(bytes.size()) + " bytes");
+    auto memory = InMemoryDataSource::Create(std::string(bytes), false);
+    EXPECT_THROW(CompressedInMemoryDataSource::Create(memory, 0), UnrecognizedCompressedFormat);
+  }
+}
+
+// ---- seeking inside what has been inflated ----------------------------------------------
+
+TEST_P(CompressedSourceTest, SeekInsideASmallStream) {
+  const std::string data = RandomBytes(100, 5);
+  auto src = Open(Deflate(data, 'z'));
+  ASSERT_NE(src, nullptr);
+
+  // Nothing is inflated yet, so there is nowhere to go, not even 0.
+  EXPECT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->Seek(0, DataSource::DS_SEEK_CUR), -1);
+  EXPECT_EQ(src->Seek(0, DataSource::DS_SEEK_END), -1);
+  EXPECT_EQ(src->GetOffset(), 0u);
+
+  ASSERT_EQ(Read(*src, 100), data);
+  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetOffset(), 10u);
+  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data[10]));
+
+  auto refused = [&](int64_t offset, SeekOrigin origin) {
+    const uint64_t before = src->GetOffset();
+    EXPECT_EQ(src->Seek(offset, origin), -1) << "offset " << offset << " origin " << origin;
+    EXPECT_EQ(src->GetOffset(), before);
+  };
+  refused(100, DataSource::DS_SEEK_SET);  // the end itself is not a target
+  refused(-1, DataSource::DS_SEEK_SET);
+  refused(0, DataSource::DS_SEEK_END);
+  refused(1, DataSource::DS_SEEK_END);
+  refused(-101, DataSource::DS_SEEK_END);
+  refused(-12, DataSource::DS_SEEK_CUR);  // before the start
+  refused(89, DataSource::DS_SEEK_CUR);   // 11 + 89: the end
+  refused(0, static_cast<SeekOrigin>(3));
+
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data[99]));
+  ASSERT_EQ(src->Seek(-100, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), 0u);
+  ASSERT_EQ(src->Seek(42, DataSource::DS_SEEK_CUR), 0);
+  ASSERT_EQ(src->Seek(-2, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetOffset(), 40u);
+  EXPECT_EQ(ReadAll(*src, 7), data.substr(40));
+}
+
+TEST_P(CompressedSourceTest, SeekEndIsTheEndOfWhatIsInflatedSoFar) {
+  const std::string data = RandomBytes(1024 * 1024, 6);
+  auto src = Open(Deflate(data, 'z'));
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(Read(*src, 100), data.substr(0, 100));
+
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
+  const uint64_t last = src->GetOffset();
+  EXPECT_GE(last, 99u);
+  EXPECT_LT(last + 1, data.size());  // not the end of the stream
+  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data[last]));
+  EXPECT_EQ(src->Seek(static_cast<int64_t>(last) + 1, DataSource::DS_SEEK_SET), -1);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+
+  // Reading on from a seek back inflates the rest as usual.
+  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
+  EXPECT_TRUE(ReadAll(*src, 50000) == data.substr(10));
+}
+
+TEST_P(CompressedSourceTest, SeekAnywhereInAFullyInflatedStream) {
+  const std::string data = Mixed(3 * 1024 * 1024);
+  const uint64_t size = data.size();
+  auto src = Open(Deflate(data, 'z'));
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(ReadAll(*src, 1 << 20).size(), size);
+
+  for (uint64_t at :
+       {uint64_t{0}, uint64_t{1}, uint64_t{4095}, uint64_t{4096}, uint64_t{65535}, uint64_t{65536},
+        uint64_t{65537}, uint64_t{196607}, uint64_t{196608}, size / 3, size / 2, size - 1}) {
+    SCOPED_TRACE("offset " + std::to_string(at));
+    ASSERT_EQ(src->Seek(static_cast<int64_t>(at), DataSource::DS_SEEK_SET), 0);
+    EXPECT_EQ(src->GetOffset(), at);
+    const std::string got = Read(*src, 3);
+    EXPECT_TRUE(got == data.substr(static_cast<size_t>(at), 3));
+    ASSERT_EQ(
+        src->Seek(static_cast<int64_t>(at) - static_cast<int64_t>(size), DataSource::DS_SEEK_END),
+        0);
+    EXPECT_EQ(src->GetOffset(), at);
+  }
+  EXPECT_EQ(src->Seek(static_cast<int64_t>(size), DataSource::DS_SEEK_SET), -1);
+  ASSERT_EQ(src->Seek(static_cast<int64_t>(size) - 1, DataSource::DS_SEEK_SET), 0);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data.back()));
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+// ---- properties --------------------------------------------------------------------------
+
+TEST_P(CompressedSourceTest, SizesAreUnknown) {
+  auto src = Open(Deflate(Text(1000), 'z'));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileSize(), 0u);
+  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
+  ReadAll(*src, 100);
+  EXPECT_EQ(src->GetFileSize(), 0u);
+  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
+  // The whole-content copy goes by GetFileSize, so it is empty.
+  EXPECT_EQ(src->ExtractBuffer()->GetSize(), 0u);
+}
+
+TEST_P(CompressedSourceTest, NeitherClonedNorNested) {
+  auto src = Open(Deflate(Text(1000), 'z'));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->Clone(), nullptr);
+  EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
+  EXPECT_EQ(src->CompressedDataSourceFromThis(10), nullptr);
+}
+
+TEST_P(CompressedSourceTest, TempFlagIsTheUnderlyingSourcesFlag) {
+  auto src = Open(Deflate(Text(1000), 'z'));
+  ASSERT_NE(src, nullptr);
+  EXPECT_FALSE(src->IsTempFile());
+  under->SetIsTempFile(true);
+  EXPECT_TRUE(src->IsTempFile());
+  src->SetIsTempFile(false);
+  EXPECT_FALSE(under->IsTempFile());
+}
+
+TEST_P(CompressedSourceTest, TimeStampIsTheUnderlyingSourcesTimeStamp) {
+  const std::string z = Deflate(Text(1000), 'z');
+  if (GetParam() == Kind::File) {
+    const std::string path = dir.File("stamped.z");
+    WriteFile(path, z);
+    const std::chrono::sys_seconds when{std::chrono::seconds{1609459200}};
+    fs::last_write_time(fs::u8path(path), std::chrono::file_clock::from_sys(when));
+    auto src = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
+    EXPECT_EQ(src->GetTimeStamp(), "1609459200");
+  } else {
+    auto memory = InMemoryDataSource::Create(std::string(z), false);
+    memory->SetTimeStamp("version 7");
+    auto src = CompressedInMemoryDataSource::Create(memory, 0);
+    EXPECT_EQ(src->GetTimeStamp(), "version 7");
+    memory->SetTimeStamp("version 8");
+    EXPECT_EQ(src->GetTimeStamp(), "version 8");
+  }
+}
+
+TEST_P(CompressedSourceTest, CompressedOffsetOfAZlibStream) {
+  // Incompressible data, so the estimate grows steadily with the position.
+  const std::string data = RandomBytes(600000, 8);
+  const std::string z = Deflate(data, 'z');
+  const uint64_t start = 5;
+  const uint64_t end = start + z.size();
+  auto src = Open("xxxxx" + z + "trailing", 0, static_cast<int64_t>(start));
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetCompressedOffset(), start);  // nothing inflated yet
+
+  uint64_t previous = start;
+  uint64_t total = 0;
+  while (true) {
+    const uint64_t got = Read(*src, 10000).size();
+    if (got == 0) break;
+    total += got;
+    const uint64_t offset = src->GetCompressedOffset();
+    EXPECT_GE(offset, previous);
+    EXPECT_LE(offset, end);
+    previous = offset;
+  }
+  EXPECT_EQ(total, data.size());
+  // At the end every byte of the stream, checksum included, is consumed.
+  EXPECT_EQ(src->GetCompressedOffset(), end);
+
+  // Back at the start the estimate is back at the start too.
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetCompressedOffset(), start);
+}
+
+TEST_P(CompressedSourceTest, CompressedOffsetStartsAfterTheGzipHeader) {
+  const std::string gz = GzipMember(Text(1000), FNAME | FCOMMENT, "", "abc", "de");
+  auto src = Open(gz);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetCompressedOffset(), 10u + 4u + 3u);
+  ReadAll(*src, 100);
+  const uint64_t end = src->GetCompressedOffset();
+  EXPECT_GT(end, 17u);
+  EXPECT_LE(end, gz.size() - 8);  // the trailer is not inflated
+}
+
+TEST(CompressedInMemoryDataSource, LeavesTheUnderlyingPositionAtTheData) {
+  const std::string data = Text(1000);
+  auto memory = InMemoryDataSource::Create("HEAD" + Deflate(data, 'z'), false);
+  ASSERT_EQ(memory->Seek(4, DataSource::DS_SEEK_SET), 0);
+  auto src = memory->CompressedDataSourceFromThis(0);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(ReadAll(*src, 100), data);
+  EXPECT_EQ(memory->GetOffset(), 4u);
+}
+
+// ---- data from independent tools ------------------------------------------------------------
+
+class GzipToolTest : public testing::Test {
+protected:
+  void SetUp() override {
+    if (!HaveTool("gzip")) GTEST_SKIP() << "the gzip tool is not available";
+  }
+
+  // Compresses `data` with the gzip tool (extra options in `options`) and
+  // returns the .gz file's path.
+  std::string Gzip(const std::string& data, const std::string& name, const std::string& options) {
+    const std::string in = dir.File(name);
+    WriteFile(in, data);
+    const std::string out = in + ".gz";
+    EXPECT_EQ(test::Run("gzip -c " + options + " '" + in + "' > '" + out + "'"), 0);
+    return out;
+  }
+
+  // Checks that both kinds inflate the .gz file at `path` to `data`.
+  void ExpectBothKindsRead(const std::string& path, const std::string& data,
+                           uint64_t headerLength) {
+    auto file = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
+    EXPECT_EQ(file->GetCompressedOffset(), headerLength);
+    EXPECT_TRUE(ReadAll(*file, 65536) == data);
+    EXPECT_TRUE(file->IsEndOfBuffer());
+
+    auto memory =
+        CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(ReadFile(path), false), 0);
+    EXPECT_EQ(memory->GetCompressedOffset(), headerLength);
+    EXPECT_TRUE(ReadAll(*memory, 65536) == data);
+    EXPECT_TRUE(memory->IsEndOfBuffer());
+  }
+
+  TempDir dir;
+};
+
+TEST_F(GzipToolTest, WithoutName) {
+  const std::string data = Text(100000);
+  const std::string path = Gzip(data, "plain.txt", "-n");
+  const std::string gz = ReadFile(path);
+  ASSERT_GE(gz.size(), 18u);
+  EXPECT_EQ(gz[3] & FNAME, 0);
+  ExpectBothKindsRead(path, data, 10);
+}
+
+TEST_F(GzipToolTest, WithName) {
+  const std::string data = Text(100000);
+  const std::string path = Gzip(data, "named-file.txt", "-N -9");
+  const std::string gz = ReadFile(path);
+  ASSERT_GE(gz.size(), 18u);
+  EXPECT_NE(gz[3] & FNAME, 0);
+  EXPECT_EQ(gz.substr(10, 15), std::string("named-file.txt\0", 15));
+  ExpectBothKindsRead(path, data, 10 + 15);
+}
+
+TEST_F(GzipToolTest, LargeMixedDataInPiecesOfEverySize) {
+  const std::string data = Mixed(5 * 1000 * 1000);
+  const std::string path = Gzip(data, "large.bin", "-n");
+  const std::string gz = ReadFile(path);
+  for (uint64_t step : {uint64_t{100}, uint64_t{65535}, uint64_t{1} << 20}) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    auto file = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
+    EXPECT_TRUE(ReadAll(*file, step) == data);
+    auto memory =
+        CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(gz), false), 0);
+    EXPECT_TRUE(ReadAll(*memory, step) == data);
+  }
+}
+
+TEST_F(GzipToolTest, TruncatedFile) {
+  const std::string data = Mixed(500000);
+  const std::string gz = ReadFile(Gzip(data, "cut.bin", "-n"));
+  const std::string cut = gz.substr(0, gz.size() / 2);
+  const std::string path = dir.File("cut.gz");
+  WriteFile(path, cut);
+
+  auto file = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
+  std::string fromFile;
+  ASSERT_NO_THROW(fromFile = ReadAll(*file, 4096));
+  auto memory =
+      CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(cut), false), 0);
+  std::string fromMemory;
+  ASSERT_NO_THROW(fromMemory = ReadAll(*memory, 4096));
+
+  EXPECT_GT(fromFile.size(), 0u);
+  EXPECT_LT(fromFile.size(), data.size());
+  EXPECT_TRUE(fromFile == data.substr(0, fromFile.size()));
+  EXPECT_TRUE(fromMemory == fromFile);
+}
+
+TEST(PythonGzipTest, NameAndTimeWrittenByPython) {
+  if (!HaveTool("python3")) GTEST_SKIP() << "python3 is not available";
+  TempDir dir;
+  const std::string data = Mixed(200000);
+  const std::string in = dir.File("input.bin");
+  const std::string out = dir.File("output.gz");
+  WriteFile(in, data);
+  const std::string script =
+      "import gzip,sys\n"
+      "data=open(sys.argv[1],'rb').read()\n"
+      "with open(sys.argv[2],'wb') as f:\n"
+      "  with gzip.GzipFile(filename='stored-name.bin',mode='wb',fileobj=f,mtime=1609459200) as "
+      "g:\n"
+      "    g.write(data)\n";
+  ASSERT_EQ(test::Run("python3 -c \"" + script + "\" '" + in + "' '" + out + "'"), 0);
+  const std::string gz = ReadFile(out);
+  ASSERT_GE(gz.size(), 10u);
+  EXPECT_NE(gz[3] & FNAME, 0);
+
+  auto file = CompressedFileDataSource::Create(FileDataSource::Create(out), 0);
+  EXPECT_TRUE(ReadAll(*file, 30000) == data);
+  auto memory =
+      CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(gz), false), 0);
+  EXPECT_TRUE(ReadAll(*memory, 30000) == data);
+}
+
+TEST(PythonGzipTest, HandMadeHeaderIsValidGzip) {
+  // Guards the hand-made members used above: Python must read one with every
+  // optional field back to the same data.
+  if (!HaveTool("python3")) GTEST_SKIP() << "python3 is not available";
+  TempDir dir;
+  const std::string data = Text(5000);
+  const std::string path = dir.File("hand.gz");
+  WriteFile(path, GzipMember(data, FEXTRA | FNAME | FCOMMENT | FHCRC, RandomBytes(300, 3),
+                             "name.txt", "comment"));
+  const std::string plain = dir.File("hand.txt");
+  ASSERT_EQ(test::Run("python3 -c \"import gzip,sys; open(sys.argv[2],'wb').write("
+                      "gzip.open(sys.argv[1]).read())\" '" +
+                      path + "' '" + plain + "'"),
+            0);
+  EXPECT_TRUE(ReadFile(plain) == data);
+}
+
+}  // namespace
+}  // namespace oru

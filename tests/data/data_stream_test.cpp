@@ -1,0 +1,664 @@
+// DataStream: typed reads in both byte orders with their lenient and
+// element-wise results at the end of the data, line reads over every
+// line-end combination, skips and positions, progress, compressed sections,
+// copies and moves. The behavioural cases run over every kind of source (see
+// source_kinds.h), since memory is read on a separate fast road.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "data/source_kinds.h"
+#include "oru/compressed_data_source.h"
+#include "oru/data_stream.h"
+#include "oru/file_data_source.h"
+#include "oru/sparse_data_source.h"
+#include "support/test_util.h"
+
+namespace oru::test {
+namespace {
+
+using namespace std::string_literals;
+
+using AllKinds =
+    ::testing::Types<MemoryKind, FileKind, CompressedKind, TrickleKind<3>, CappedMemoryKind<5>>;
+// Kinds whose GetBytes hands out everything asked for while there is data.
+using FullKinds = ::testing::Types<MemoryKind, FileKind, CompressedKind>;
+// Kinds whose GetFileSize() is the length of the data (progress is measured
+// against it).
+using PlainKinds = ::testing::Types<MemoryKind, FileKind, TrickleKind<3>, CappedMemoryKind<5>>;
+
+template <typename K>
+class DataStreamAllKinds : public SourceKindTest<K> {};
+TYPED_TEST_SUITE(DataStreamAllKinds, AllKinds, KindName);
+template <typename K>
+class DataStreamFullKinds : public SourceKindTest<K> {};
+TYPED_TEST_SUITE(DataStreamFullKinds, FullKinds, KindName);
+template <typename K>
+class DataStreamPlainKinds : public SourceKindTest<K> {};
+TYPED_TEST_SUITE(DataStreamPlainKinds, PlainKinds, KindName);
+
+template <typename... T, typename F>
+void ForEachType(F&& f) {
+  (f(std::type_identity<T>{}), ...);
+}
+
+// Hands out the test's bytes the way the source under test does: at most
+// `cap` bytes per request.
+struct Feed {
+  std::string bytes;
+  uint64_t cap;
+  size_t pos = 0;
+
+  std::string Take(uint64_t n) {
+    const size_t k = static_cast<size_t>(std::min<uint64_t>({n, cap, bytes.size() - pos}));
+    std::string got = bytes.substr(pos, k);
+    pos += k;
+    return got;
+  }
+};
+
+// The documented result of reading `count` elements of `width` bytes into
+// `out`: in host order (and for bytes) one request for everything, success
+// when anything came; in the other order one request per element, a partial
+// element zero-padded and reversed, failure at the first element that gets
+// no byte.
+bool Expected(Feed& feed, bool swapped, size_t width, unsigned char* out, uint64_t count) {
+  if (!swapped || width == 1) {
+    const std::string got = feed.Take(count * width);
+    std::memcpy(out, got.data(), got.size());
+    return !got.empty();
+  }
+  for (uint64_t i = 0; i < count; ++i) {
+    const std::string got = feed.Take(width);
+    if (got.empty()) return false;
+    unsigned char element[8] = {};
+    std::memcpy(element, got.data(), got.size());
+    for (size_t j = 0; j < width; ++j) out[i * width + j] = element[width - 1 - j];
+  }
+  return true;
+}
+
+std::string Text(DataStream& s, uint64_t count) {
+  std::string out(static_cast<size_t>(count), '\0');
+  out.resize(static_cast<size_t>(s.FillBuffer(reinterpret_cast<std::byte*>(out.data()), count)));
+  return out;
+}
+
+// ---- typed reads ------------------------------------------------------------
+
+TYPED_TEST(DataStreamAllKinds, ArrayReadsFollowTheRules) {
+  const std::string bytes = RandomBytes(37, 11);
+  ForEachType<char, unsigned char, short, unsigned short, int, unsigned int, float, double, int64_t,
+              uint64_t>([&](auto tag) {
+    using T = typename decltype(tag)::type;
+    for (bool swapped : {false, true}) {
+      SCOPED_TRACE(::testing::Message() << "width " << sizeof(T) << " swapped " << swapped);
+      DataStream s = this->Make(bytes);
+      if (swapped) s.SetSrcEndianess(BigEndian);
+      Feed feed{bytes, TypeParam::kCap};
+      for (uint64_t count : {1, 3, 0, 2, 100, 1}) {
+        std::vector<T> got(count + 1), want(count + 1);
+        std::memset(got.data(), 0xA5, got.size() * sizeof(T));
+        std::memset(want.data(), 0xA5, want.size() * sizeof(T));
+        const bool wantOk = Expected(feed, swapped, sizeof(T),
+                                     reinterpret_cast<unsigned char*>(want.data()), count);
+        const bool ok = s.Read(got.data(), count);
+        EXPECT_EQ(ok, wantOk) << "count " << count;
+        EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * sizeof(T)), 0)
+            << "count " << count;
+        EXPECT_EQ(s.GetBytesRead(), feed.pos) << "count " << count;
+        if (s.GetBytesRead() != feed.pos) break;  // the rest would differ as well
+      }
+    }
+  });
+}
+
+TYPED_TEST(DataStreamAllKinds, ScalarReadsFollowTheRules) {
+  const std::string bytes = RandomBytes(21, 5);
+  ForEachType<char, unsigned char, short, unsigned short, int, unsigned int, float, double, int64_t,
+              uint64_t>([&](auto tag) {
+    using T = typename decltype(tag)::type;
+    for (bool swapped : {false, true}) {
+      SCOPED_TRACE(::testing::Message() << "width " << sizeof(T) << " swapped " << swapped);
+      DataStream s = this->Make(bytes);
+      s.SetSrcEndianess(swapped ? BigEndian : LittleEndian);
+      EXPECT_EQ(s.IsBigEndian(), swapped);
+      EXPECT_EQ(s.IsLittleEndian(), !swapped);
+      Feed feed{bytes, TypeParam::kCap};
+      for (int i = 0; i < 23; ++i) {
+        T got, want;
+        std::memset(&got, 0x5A, sizeof(T));
+        std::memset(&want, 0x5A, sizeof(T));
+        const bool wantOk =
+            Expected(feed, swapped, sizeof(T), reinterpret_cast<unsigned char*>(&want), 1);
+        EXPECT_EQ(s.Read(got), wantOk) << "read " << i;
+        EXPECT_EQ(std::memcmp(&got, &want, sizeof(T)), 0) << "read " << i;
+        EXPECT_EQ(s.GetBytesRead(), feed.pos);
+      }
+    }
+  });
+}
+
+TYPED_TEST(DataStreamAllKinds, BoolIsAnyNonZeroByte) {
+  DataStream s = this->Make("\x00\x01\x02\xFF"s);
+  for (bool expected : {false, true, true, true}) {
+    bool value = !expected;
+    EXPECT_TRUE(s.Read(value));
+    EXPECT_EQ(value, expected);
+  }
+  bool value = true;
+  EXPECT_FALSE(s.Read(value));
+  EXPECT_TRUE(value);
+  EXPECT_EQ(s.GetBytesRead(), 4u);
+}
+
+// A source may hand out fewer bytes than asked without being at its end; in
+// the other byte order every element is still asked for whole.
+TEST(DataStreamShortReads, OtherOrderAsksForEachElement) {
+  DataStream s(std::make_shared<TrickleSource>("\x00\x01\x00\x02\x00\x03\x00\x04"s, 3));
+  s.SetSrcEndianess(BigEndian);
+  short values[4] = {};
+  EXPECT_TRUE(s.Read(values, 4));
+  EXPECT_EQ(values[0], 1);
+  EXPECT_EQ(values[1], 2);
+  EXPECT_EQ(values[2], 3);
+  EXPECT_EQ(values[3], 4);
+  EXPECT_EQ(s.GetBytesRead(), 8u);
+  // Host order asks once for everything and takes what comes.
+  DataStream h(std::make_shared<TrickleSource>("\x01\x02\x03\x04\x05\x06\x07\x08"s, 3));
+  int64_t value = 0;
+  EXPECT_TRUE(h.Read(value));
+  EXPECT_EQ(value, 0x030201);
+  EXPECT_EQ(h.GetBytesRead(), 3u);
+}
+
+TYPED_TEST(DataStreamFullKinds, KnownValuesInBothByteOrders) {
+  const std::string big =
+      "A\xF0\xFF\xFE\x01\x02\x00\x00\x01\x02\xFF\xFF\xFF\xFE\x3F\xC0\x00\x00"
+      "\xC0\x02\x00\x00\x00\x00\x00\x00\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFD"
+      "\x01\x02\x03\x04\x05\x06\x07\x08"s;
+  const std::string little =
+      "A\xF0\xFE\xFF\x02\x01\x02\x01\x00\x00\xFE\xFF\xFF\xFF\x00\x00\xC0\x3F"
+      "\x00\x00\x00\x00\x00\x00\x02\xC0\xFD\xFF\xFF\xFF\xFF\xFF\xFF\xFF"
+      "\x08\x07\x06\x05\x04\x03\x02\x01"s;
+  for (const std::string* bytes : {&big, &little}) {
+    DataStream s = this->Make(*bytes);
+    if (bytes == &big) s.SetSrcEndianess(BigEndian);
+    char c = 0;
+    unsigned char uc = 0;
+    short sh = 0;
+    unsigned short us = 0;
+    int i = 0;
+    unsigned int ui = 0;
+    float f = 0;
+    double d = 0;
+    int64_t i64 = 0;
+    uint64_t u64 = 0;
+    ASSERT_TRUE(s.Read(c) && s.Read(uc) && s.Read(sh) && s.Read(us) && s.Read(i) && s.Read(ui) &&
+                s.Read(f) && s.Read(d) && s.Read(i64) && s.Read(u64));
+    EXPECT_EQ(c, 'A');
+    EXPECT_EQ(uc, 240);
+    EXPECT_EQ(sh, -2);
+    EXPECT_EQ(us, 258);
+    EXPECT_EQ(i, 258);
+    EXPECT_EQ(ui, 4294967294u);
+    EXPECT_EQ(f, 1.5f);
+    EXPECT_EQ(d, -2.25);
+    EXPECT_EQ(i64, -3);
+    EXPECT_EQ(u64, 0x0102030405060708u);
+    EXPECT_EQ(s.GetBytesRead(), 42u);
+    EXPECT_FALSE(s.Read(c));
+  }
+  // The big-endian int 258 read as if it were in host order.
+  DataStream s = this->Make("\x00\x00\x01\x02"s);
+  int i = 0;
+  EXPECT_TRUE(s.Read(i));
+  EXPECT_EQ(i, 33619968);
+}
+
+TYPED_TEST(DataStreamFullKinds, ShortReadsAtTheEnd) {
+  {  // Host order: any byte is success; the rest of the value stays.
+    DataStream s = this->Make("\x01\x02\x03\x04\x05"s);
+    int values[2] = {0x7F7F7F7F, 0x7F7F7F7F};
+    EXPECT_TRUE(s.Read(values, 2));
+    EXPECT_EQ(values[0], 0x04030201);
+    EXPECT_EQ(values[1], 0x7F7F7F05);
+    EXPECT_EQ(s.GetBytesRead(), 5u);
+    EXPECT_FALSE(s.Read(values, 1));
+    EXPECT_EQ(values[0], 0x04030201);
+    EXPECT_FALSE(s.Read(values, 0));
+  }
+  {  // Other order: the partial element is zero-padded, then reversed.
+    DataStream s = this->Make("\x00\x01\x00\x02\xFF\xFF\x07"s);
+    s.SetSrcEndianess(BigEndian);
+    short values[3] = {9, 9, 9};
+    EXPECT_TRUE(s.Read(values, 0));
+    EXPECT_TRUE(s.Read(values, 3));
+    EXPECT_EQ(values[0], 1);
+    EXPECT_EQ(values[1], 2);
+    EXPECT_EQ(values[2], -1);
+    values[0] = values[1] = 9;
+    EXPECT_FALSE(s.Read(values, 2));
+    EXPECT_EQ(values[0], 0x0700);
+    EXPECT_EQ(values[1], 9);
+    EXPECT_EQ(s.GetBytesRead(), 7u);
+  }
+  {
+    DataStream s = this->Make("\x01\x02\x03"s);
+    s.SetSrcEndianess(BigEndian);
+    int value = 0;
+    EXPECT_TRUE(s.Read(value));
+    EXPECT_EQ(value, 0x01020300);
+    EXPECT_FALSE(s.Read(value));
+    EXPECT_EQ(value, 0x01020300);
+  }
+}
+
+// Values are laid out byte by byte with shifts, so the reference does not
+// depend on the stream's own swapping.
+TYPED_TEST(DataStreamFullKinds, LargeArraysInTheOtherOrder) {
+  constexpr size_t kInts = 1000000, kShorts = 300001, kDoubles = 100000;
+  std::vector<uint32_t> ints(kInts);
+  std::vector<uint16_t> shorts(kShorts);
+  std::vector<double> doubles(kDoubles);
+  uint64_t x = 88172645463325252u;
+  auto next = [&x] {
+    x ^= x << 13;
+    x ^= x >> 7;
+    x ^= x << 17;
+    return x;
+  };
+  std::string bytes;
+  auto putBig = [&bytes](uint64_t v, int width) {
+    for (int b = width - 1; b >= 0; --b) bytes.push_back(static_cast<char>(v >> (8 * b)));
+  };
+  for (auto& v : ints) putBig(v = static_cast<uint32_t>(next()), 4);
+  for (auto& v : shorts) putBig(v = static_cast<uint16_t>(next()), 2);
+  for (auto& v : doubles) {
+    v = static_cast<double>(next() % 1000000) / 7.0 - 50000.0;
+    putBig(std::bit_cast<uint64_t>(v), 8);
+  }
+  DataStream s = this->Make(bytes);
+  s.SetSrcEndianess(BigEndian);
+  std::vector<uint32_t> gotInts(kInts);
+  std::vector<uint16_t> gotShorts(kShorts);
+  std::vector<double> gotDoubles(kDoubles);
+  ASSERT_TRUE(s.Read(gotInts.data(), kInts));
+  ASSERT_TRUE(s.Read(gotShorts.data(), kShorts));
+  ASSERT_TRUE(s.Read(gotDoubles.data(), kDoubles));
+  EXPECT_EQ(gotInts, ints);
+  EXPECT_EQ(gotShorts, shorts);
+  EXPECT_EQ(gotDoubles, doubles);
+  EXPECT_EQ(s.GetBytesRead(), bytes.size());
+  uint32_t more = 0;
+  EXPECT_FALSE(s.Read(&more, 1));
+}
+
+TYPED_TEST(DataStreamFullKinds, LargeArrayInHostOrder) {
+  std::vector<uint64_t> values(250001);
+  std::string bytes;
+  for (size_t i = 0; i < values.size(); ++i) {
+    values[i] = i * 0x9E3779B97F4A7C15u;
+    for (int b = 0; b < 8; ++b) bytes.push_back(static_cast<char>(values[i] >> (8 * b)));
+  }
+  DataStream s = this->Make(bytes);
+  std::vector<uint64_t> got(values.size());
+  ASSERT_TRUE(s.Read(got.data(), got.size()));
+  EXPECT_EQ(got, values);
+}
+
+// ---- line reads -------------------------------------------------------------
+
+struct LineCase {
+  const char* name;
+  std::string bytes;
+  std::vector<std::string> lines;
+  // Ends in a two-byte line end, so no read ever goes past the end.
+  bool pairAtEnd = false;
+};
+
+std::vector<LineCase> LineCases() {
+  return {
+      {"LF", "ab\ncd", {"ab", "cd"}},
+      {"CR", "ab\rcd", {"ab", "cd"}},
+      {"CRLF", "ab\r\ncd", {"ab", "cd"}},
+      {"LFCR", "ab\n\rcd", {"ab", "cd"}},
+      {"LF LF", "ab\n\ncd", {"ab", "", "cd"}},
+      {"CR CR", "ab\r\rcd", {"ab", "", "cd"}},
+      {"CRLF LF", "ab\r\n\ncd", {"ab", "", "cd"}},
+      {"mixed", "ab\r\ncd\n\nef", {"ab", "cd", "", "ef"}},
+      {"CR then x", "ab\rx", {"ab", "x"}},
+      {"no final end", "ab", {"ab"}},
+      {"final LF", "ab\n", {"ab"}},
+      {"final CR", "ab\r", {"ab"}},
+      {"final LF LF", "ab\n\n", {"ab", ""}},
+      {"final CRLF", "ab\r\n", {"ab"}, true},
+      {"final LFCR", "ab\n\r", {"ab"}, true},
+      {"only LF", "\n", {""}},
+      {"only CRLF", "\r\n", {""}, true},
+      {"empty", "", {}},
+      {"raw bytes", "a\xFF\x00z\n\x80"s, {"a\xFF\x00z"s, "\x80"}},
+      {"long", std::string(10000, 'q') + "\r\nend", {std::string(10000, 'q'), "end"}},
+  };
+}
+
+TYPED_TEST(DataStreamAllKinds, LinesEndAtEveryLineEnd) {
+  for (const LineCase& c : LineCases()) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> expected = c.lines;
+    // A source that learns of its end only from a failed read gives one more,
+    // empty, line when nothing has read past the end yet.
+    if ((TypeParam::kEndSeenLate && (c.pairAtEnd || c.bytes.empty())) ||
+        (TypeParam::kEndUnknownUntilRead && c.bytes.empty()))
+      expected.push_back("");
+    DataStream s = this->Make(c.bytes);
+    std::vector<std::string> got;
+    std::string line;
+    while (got.size() < expected.size() + 3 && s.Read(&line)) got.push_back(line);
+    EXPECT_EQ(got, expected);
+    line = "untouched";
+    EXPECT_FALSE(s.Read(&line));
+    EXPECT_EQ(line, "untouched");
+    EXPECT_EQ(s.GetBytesRead(), c.bytes.size());
+  }
+}
+
+TYPED_TEST(DataStreamAllKinds, ByteAfterCarriageReturnIsGivenBack) {
+  DataStream s = this->Make("ab\rxy\n\r");
+  std::string line;
+  ASSERT_TRUE(s.Read(&line));
+  EXPECT_EQ(line, "ab");
+  EXPECT_EQ(s.GetBytesRead(), 3u);
+  EXPECT_EQ(s.GetPosition(), 3u);
+  ASSERT_TRUE(s.Read(&line));
+  EXPECT_EQ(line, "xy");
+  EXPECT_EQ(s.GetPosition(), 7u);
+}
+
+// ---- positions, skips, raw reads --------------------------------------------
+
+TYPED_TEST(DataStreamAllKinds, SkipsAndPositions) {
+  const std::string bytes = "0123456789abcdefghijklmnopqrstuvwxyz";
+  DataStream s = this->Make(bytes);
+  char c = 0;
+  ASSERT_TRUE(s.Read(c));  // inflated data can be positioned only once read
+  EXPECT_TRUE(s.SkipBytes(2));
+  EXPECT_TRUE(s.SkipUInt16s(2));
+  EXPECT_TRUE(s.SkipUInt32s(1));
+  EXPECT_TRUE(s.SkipFloats(2));
+  EXPECT_TRUE(s.SkipDoubles(1));
+  EXPECT_EQ(s.GetPosition(), 27u);
+  EXPECT_EQ(s.GetBytesRead(), 27u);
+  ASSERT_TRUE(s.Read(c));
+  EXPECT_EQ(c, 'r');
+  EXPECT_TRUE(s.SetPosition(5));
+  EXPECT_EQ(s.GetPosition(), 5u);
+  ASSERT_TRUE(s.Read(c));
+  EXPECT_EQ(c, '5');
+  EXPECT_TRUE(s.Rewind());
+  EXPECT_EQ(s.GetPosition(), 0u);
+  ASSERT_TRUE(s.Read(c));
+  EXPECT_EQ(c, '0');
+  EXPECT_EQ(s.GetBytesRead(), 30u);  // positioning counts nothing
+  s.ResetBytesRead();
+  EXPECT_TRUE(s.SkipBytes(0));
+  EXPECT_EQ(s.GetBytesRead(), 0u);
+}
+
+TYPED_TEST(DataStreamAllKinds, PositioningAtAndPastTheEnd) {
+  DataStream s = this->Make("0123456789");
+  char c = 0;
+  ASSERT_TRUE(s.Read(c));
+  EXPECT_EQ(s.SetPosition(10), TypeParam::kSeekToEnd);
+  if (TypeParam::kSeekToEnd) {
+    EXPECT_EQ(s.GetPosition(), 10u);
+    EXPECT_EQ(s.IsEOF(), !TypeParam::kEndSeenLate);  // a successful seek clears a file's end
+  } else {
+    EXPECT_EQ(s.GetPosition(), 1u);
+  }
+  ASSERT_TRUE(s.SetPosition(8));
+  EXPECT_EQ(s.SetPosition(11), TypeParam::kSeekPastEnd);
+  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 11u : 8u);
+  ASSERT_TRUE(s.SetPosition(8));
+  EXPECT_EQ(s.SkipUInt16s(2), TypeParam::kSeekPastEnd);
+  EXPECT_EQ(s.GetBytesRead(), TypeParam::kSeekPastEnd ? 5u : 1u);
+  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 12u : 8u);
+}
+
+TYPED_TEST(DataStreamAllKinds, EndOfData) {
+  DataStream empty = this->Make("");
+  EXPECT_EQ(empty.IsEOF(), !TypeParam::kEndSeenLate && !TypeParam::kEndUnknownUntilRead);
+  char c = 'k';
+  EXPECT_FALSE(empty.Read(c));
+  EXPECT_EQ(c, 'k');
+  EXPECT_TRUE(empty.IsEOF());
+
+  DataStream s = this->Make("abc");
+  EXPECT_FALSE(s.IsEOF());
+  EXPECT_EQ(Text(s, 3), "abc");
+  ASSERT_TRUE(s.SetPosition(2));
+  ASSERT_TRUE(s.Read(c));
+  EXPECT_EQ(s.IsEOF(), !TypeParam::kEndSeenLate);
+  EXPECT_FALSE(s.Read(c));
+  EXPECT_TRUE(s.IsEOF());
+}
+
+TYPED_TEST(DataStreamAllKinds, FillBufferDeliversWhatTheSourceGives) {
+  const std::string bytes = RandomBytes(50, 3);
+  DataStream s = this->Make(bytes);
+  Feed feed{bytes, TypeParam::kCap};
+  for (uint64_t count : {4, 0, 7, 1}) {
+    EXPECT_EQ(Text(s, count), feed.Take(count)) << "count " << count;
+    EXPECT_EQ(s.GetBytesRead(), feed.pos);
+  }
+  for (std::string want = "-"; !want.empty();) {
+    want = feed.Take(16);
+    EXPECT_EQ(Text(s, 16), want);
+    EXPECT_EQ(s.GetBytesRead(), feed.pos);
+  }
+  EXPECT_EQ(feed.pos, bytes.size());
+}
+
+TYPED_TEST(DataStreamAllKinds, CopiesShareThePositionAndMovesCarryOn) {
+  DataStream a = this->Make("0123456789");
+  a.SetSrcEndianess(BigEndian);
+  char c = 0;
+  ASSERT_TRUE(a.Read(c) && a.Read(c));
+  DataStream b = a;
+  EXPECT_TRUE(b.IsBigEndian());
+  EXPECT_EQ(b.GetBytesRead(), 2u);
+  ASSERT_TRUE(b.Read(c) && b.Read(c) && b.Read(c));
+  EXPECT_EQ(c, '4');
+  ASSERT_TRUE(a.Read(c));
+  EXPECT_EQ(c, '5');  // the copy moved the shared position
+  EXPECT_EQ(a.GetBytesRead(), 3u);
+  EXPECT_EQ(b.GetBytesRead(), 5u);
+
+  DataStream assigned = this->Make("zz");
+  assigned = b;
+  ASSERT_TRUE(assigned.Read(c));
+  EXPECT_EQ(c, '6');
+  EXPECT_EQ(assigned.GetBytesRead(), 6u);
+
+  DataStream moved(std::move(a));
+  ASSERT_TRUE(moved.Read(c));
+  EXPECT_EQ(c, '7');
+  EXPECT_EQ(moved.GetBytesRead(), 4u);
+  EXPECT_TRUE(moved.IsBigEndian());
+  DataStream target = this->Make("zz");
+  target = std::move(moved);
+  ASSERT_TRUE(target.Read(c));
+  EXPECT_EQ(c, '8');
+  EXPECT_EQ(target.GetBytesRead(), 5u);
+}
+
+// ---- progress ---------------------------------------------------------------
+
+TYPED_TEST(DataStreamPlainKinds, ProgressIsThePercentageOfThePosition) {
+  EXPECT_EQ(this->Make("").GetProgress(), 100);
+  DataStream s = this->Make(std::string(200, 'p'));
+  EXPECT_EQ(s.GetProgress(), 0);
+  ASSERT_TRUE(s.SetPosition(1));
+  EXPECT_EQ(s.GetProgress(), 0);  // 0.5 % is truncated
+  ASSERT_TRUE(s.SetPosition(100));
+  EXPECT_EQ(s.GetProgress(), 50);
+  ASSERT_TRUE(s.SetPosition(199));
+  EXPECT_EQ(s.GetProgress(), 99);
+  ASSERT_TRUE(s.SetPosition(200));
+  EXPECT_EQ(s.GetProgress(), 100);
+}
+
+TEST(DataStreamFile, ProgressPastTheEndKeepsTheLowByte) {
+  TempDir dir;
+  WriteFile(dir.File("p.bin"), std::string(200, 'p'));
+  DataStream s(FileDataSource::Create(dir.File("p.bin")));
+  ASSERT_TRUE(s.SetPosition(300));
+  EXPECT_EQ(s.GetProgress(), 100);  // 150 is above 100
+  ASSERT_TRUE(s.SetPosition(600));
+  EXPECT_EQ(s.GetProgress(), 44);  // 300 % 256
+}
+
+// ---- compressed sections ----------------------------------------------------
+
+TEST(DataStreamCompressedSection, ReadsTheSectionAndReturns) {
+  const std::string text = "first line\nsecond line\r\nthird";
+  const std::string z = Deflate(text, 'z');
+  auto main = InMemoryDataSource::Create("HDR:" + z + "TAIL", false);
+  DataStream s(main);
+  EXPECT_EQ(Text(s, 4), "HDR:");
+  EXPECT_FALSE(s.IsCompressed());
+  ASSERT_TRUE(s.StartCompressedSection(z.size()));
+  EXPECT_TRUE(s.IsCompressed());
+  EXPECT_NE(s.ActiveDataSource(), main);
+  EXPECT_EQ(s.GetPosition(), 0u);
+  std::vector<std::string> lines;
+  std::string line;
+  while (s.Read(&line)) lines.push_back(line);
+  EXPECT_EQ(lines, (std::vector<std::string>{"first line", "second line", "third"}));
+  EXPECT_TRUE(s.IsEOF());
+  EXPECT_EQ(s.GetBytesRead(), 4 + text.size());
+  EXPECT_TRUE(s.EndCompressedSection());
+  EXPECT_FALSE(s.IsCompressed());
+  EXPECT_EQ(s.ActiveDataSource(), main);
+  // The in-memory kind leaves the main position where the zlib data starts.
+  EXPECT_EQ(s.GetPosition(), 4u);
+  ASSERT_TRUE(s.SkipBytes(z.size()));
+  EXPECT_EQ(Text(s, 10), "TAIL");
+}
+
+TEST(DataStreamCompressedSection, GzipInsideAFile) {
+  TempDir dir;
+  const std::string text = RandomBytes(70000, 8);  // more than one input block
+  WriteFile(dir.File("g.bin"), "abc" + Deflate(text, 'g'));
+  DataStream s(FileDataSource::Create(dir.File("g.bin")));
+  EXPECT_EQ(Text(s, 3), "abc");
+  ASSERT_TRUE(s.StartCompressedSection());
+  std::string got(text.size() + 10, '\0');
+  EXPECT_TRUE(s.Read(got.data(), got.size()));
+  EXPECT_EQ(s.GetBytesRead(), 3 + text.size());
+  got.resize(text.size());
+  EXPECT_TRUE(got == text);
+  EXPECT_TRUE(s.EndCompressedSection());
+  ASSERT_TRUE(s.Rewind());
+  EXPECT_EQ(Text(s, 3), "abc");
+}
+
+// Only the first half of the compressed bytes is fed: inflation ends early
+// with a prefix of the text, and that is not an error.
+TEST(DataStreamCompressedSection, LengthLimitsTheInput) {
+  const std::string text = RandomBytes(100000, 21);
+  const std::string z = Deflate(text, 'z');
+  DataStream s(InMemoryDataSource::Create(std::string(z), false));
+  ASSERT_TRUE(s.StartCompressedSection(z.size() / 2));
+  std::string got(text.size(), '\0');
+  EXPECT_TRUE(s.Read(got.data(), got.size()));
+  const uint64_t n = s.GetBytesRead();
+  EXPECT_GT(n, 0u);
+  EXPECT_LT(n, text.size());
+  EXPECT_TRUE(got.compare(0, n, text, 0, n) == 0);
+  EXPECT_TRUE(s.IsEOF());
+}
+
+TEST(DataStreamCompressedSection, SecondStartReplacesTheFirst) {
+  const std::string text = "0123456789abcdefghij";
+  DataStream s(InMemoryDataSource::Create(Deflate(text, 'z'), false));
+  ASSERT_TRUE(s.StartCompressedSection());
+  EXPECT_EQ(Text(s, 5), "01234");
+  auto first = s.ActiveDataSource();
+  // The main source still stands at the start of the zlib data, so the new
+  // view inflates it again from the beginning.
+  ASSERT_TRUE(s.StartCompressedSection());
+  EXPECT_NE(s.ActiveDataSource(), first);
+  EXPECT_EQ(s.GetPosition(), 0u);
+  EXPECT_EQ(Text(s, 5), "01234");
+}
+
+TEST(DataStreamCompressedSection, EndWithoutASectionIsHarmless) {
+  DataStream s(InMemoryDataSource::Create(std::string("abc"), false));
+  EXPECT_EQ(Text(s, 1), "a");
+  EXPECT_TRUE(s.EndCompressedSection());
+  EXPECT_FALSE(s.IsCompressed());
+  EXPECT_EQ(Text(s, 2), "bc");
+}
+
+TEST(DataStreamCompressedSection, SourcesWithoutACompressedView) {
+  const std::string z = Deflate("payload", 'z');
+  auto sparse = SparseDataSource::Create(z.size());
+  std::memcpy(sparse->GetSection(sparse->AddSection(0, z.size())).data, z.data(), z.size());
+  auto inflated =
+      CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(Deflate(z, 'z'), false), 0);
+  const std::shared_ptr<DataSource> sources[] = {std::make_shared<TrickleSource>(z, 3), sparse,
+                                                 inflated};
+  for (const auto& source : sources) {
+    DataStream s(source);
+    EXPECT_FALSE(s.StartCompressedSection());
+    EXPECT_FALSE(s.IsCompressed());
+    EXPECT_EQ(s.ActiveDataSource(), source);
+    EXPECT_EQ(Text(s, 2), z.substr(0, 2));  // still reading the main source
+  }
+}
+
+TEST(DataStreamCompressedSection, UserDerivedMemorySourceHasACompressedView) {
+  const std::string text = "lines\nof text\n";
+  DataStream s(std::make_shared<CappedMemorySource>("xy" + Deflate(text, 'z'), 4));
+  EXPECT_EQ(Text(s, 2), "xy");
+  ASSERT_TRUE(s.StartCompressedSection());
+  std::string line;
+  ASSERT_TRUE(s.Read(&line));
+  EXPECT_EQ(line, "lines");
+  ASSERT_TRUE(s.Read(&line));
+  EXPECT_EQ(line, "of text");
+}
+
+TEST(DataStreamCompressedSection, BadHeaderThrows) {
+  DataStream s(InMemoryDataSource::Create(std::string("x"), false));
+  EXPECT_THROW(s.StartCompressedSection(), UnrecognizedCompressedFormat);
+}
+
+TEST(DataStreamCompressedSection, ProgressFollowsTheCompressedBytes) {
+  std::string text;
+  for (int i = 0; text.size() < 20000; ++i) text += "record " + std::to_string(i * 7919) + "\n";
+  if (text.size() % 2 != 0) text += "\n";
+  const std::string z = Deflate(text, 'z');
+  // A prefix as long as the compressed data puts its start at 50 %.
+  DataStream s(InMemoryDataSource::Create(std::string(z.size(), 'p') + z, false));
+  ASSERT_TRUE(s.SkipBytes(z.size()));
+  EXPECT_EQ(s.GetProgress(), 50);
+  ASSERT_TRUE(s.StartCompressedSection());
+  EXPECT_EQ(s.GetProgress(), 50);  // nothing inflated yet
+  EXPECT_EQ(Text(s, text.size() / 2), text.substr(0, text.size() / 2));
+  // Half of the inflated text stands for half of the compressed bytes:
+  // z + floor(z / 2) of 2z.
+  EXPECT_EQ(s.GetProgress(), z.size() % 2 == 0 ? 75 : 74);
+  EXPECT_EQ(Text(s, text.size()), text.substr(text.size() / 2));
+  EXPECT_EQ(s.GetProgress(), 100);
+}
+
+}  // namespace
+}  // namespace oru::test

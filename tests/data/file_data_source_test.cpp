@@ -1,0 +1,393 @@
+// FileDataSource: lazy opening, reading and the end-of-file indicator,
+// seeking, clones, giving up and regaining the handle, the file's size and
+// time stamp, and the one-line diagnostics on the standard error stream.
+#include "oru/file_data_source.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "oru/data_source.h"
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+using test::WriteFile;
+
+std::string Read(DataSource& src, uint64_t count) {
+  std::string out(static_cast<size_t>(count), '\0');
+  const uint64_t got = src.GetBytes(reinterpret_cast<std::byte*>(out.data()), count);
+  out.resize(static_cast<size_t>(got));
+  return out;
+}
+
+std::string ErrnoText(int error) {
+  return std::strerror(error);
+}
+
+void SetModificationTime(const std::string& path, int64_t secondsSince1970) {
+  const std::chrono::sys_seconds when{std::chrono::seconds{secondsSince1970}};
+  fs::last_write_time(fs::u8path(path), std::chrono::file_clock::from_sys(when));
+}
+
+class FileDataSourceTest : public testing::Test {
+protected:
+  void SetUp() override {
+    path = dir.File("ten.bin");
+    WriteFile(path, kTen);
+  }
+
+  static constexpr const char* kTen = "0123456789";
+  TempDir dir;
+  std::string path;
+};
+
+// ---- creation and lazy opening ------------------------------------------------
+
+TEST_F(FileDataSourceTest, CreateDoesNotOpenTheFile) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileName(), path);
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+  EXPECT_FALSE(src->IsTempFile());
+  EXPECT_EQ(src->GetByte(), '0');
+  EXPECT_TRUE(src->IsHoldingSystemResources());
+}
+
+TEST_F(FileDataSourceTest, ContentWrittenAfterCreateIsWhatIsRead) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  WriteFile(path, "changed");
+  EXPECT_EQ(Read(*src, 100), "changed");
+}
+
+TEST(FileDataSourceCreate, EmptyNameGivesNullSilently) {
+  testing::internal::CaptureStderr();
+  auto src = FileDataSource::Create("");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(src, nullptr);
+}
+
+TEST(FileDataSourceCreate, MissingFileGivesNullAndOneLine) {
+  TempDir dir;
+  const std::string missing = dir.File("missing.bin");
+  testing::internal::CaptureStderr();
+  auto src = FileDataSource::Create(missing);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Cannot create FileDataSource for \"" + missing + "\" (" + ErrnoText(ENOENT) + ").\n");
+  EXPECT_EQ(src, nullptr);
+}
+
+TEST_F(FileDataSourceTest, FileDeletedAfterCreateFailsOnFirstUse) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  fs::remove(fs::u8path(path));
+
+  const std::string openLine =
+      "FileDataSource: Cannot open file\"" + path + "\"(" + ErrnoText(ENOENT) + ").\n";
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), openLine);
+
+  // Every later operation tries to open again, reports again, and gives the
+  // result of an unopened file.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->GetFileSize(), UINT64_MAX);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetOffset(), UINT64_MAX);
+  EXPECT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->GetTimeStamp(), "");
+  std::byte b[4];
+  EXPECT_EQ(src->GetBytes(b, 4), 0u);
+  std::string expected;
+  for (int i = 0; i < 6; ++i) expected += openLine;
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), expected);
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+
+  // A clone needs a readable file.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->Clone(), nullptr);
+  testing::internal::GetCapturedStderr();
+
+  // Once the file is back, the same source works.
+  WriteFile(path, "back");
+  EXPECT_EQ(Read(*src, 10), "back");
+}
+
+// ---- reading and the end-of-file indicator --------------------------------------
+
+TEST_F(FileDataSourceTest, EndIsReportedOnlyAfterAReadFails) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(Read(*src, 10), kTen);
+  EXPECT_EQ(src->GetOffset(), 10u);
+  EXPECT_FALSE(src->IsEndOfBuffer());  // exactly the last byte read
+  EXPECT_EQ(Read(*src, 10), "");
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_F(FileDataSourceTest, EndIndicatorWithByteReads) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(src->Seek(9, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetByte(), '9');
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST_F(FileDataSourceTest, SuccessfulSeekClearsTheEndIndicator) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(Read(*src, 20), kTen);  // a short read hits the end
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  ASSERT_EQ(src->Seek(-2, DataSource::DS_SEEK_END), 0);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(Read(*src, 5), "89");
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+}
+
+TEST_F(FileDataSourceTest, ZeroCountReadsNothing) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  std::byte b{};
+  EXPECT_EQ(src->GetBytes(&b, 0), 0u);
+  EXPECT_EQ(src->GetOffset(), 0u);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+}
+
+TEST(FileDataSourceRead, EmptyFile) {
+  TempDir dir;
+  const std::string path = dir.File("empty");
+  WriteFile(path, "");
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileSize(), 0u);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->ExtractBuffer()->GetSize(), 0u);
+}
+
+// ---- seeking ------------------------------------------------------------------------
+
+TEST_F(FileDataSourceTest, SeekOrigins) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(src->Seek(3, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetByte(), '3');
+  ASSERT_EQ(src->Seek(2, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetByte(), '6');
+  ASSERT_EQ(src->Seek(-4, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetByte(), '3');
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetByte(), '9');
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), 10u);
+}
+
+TEST_F(FileDataSourceTest, SeekPastTheEndIsAllowed) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(src->Seek(100, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetOffset(), 100u);
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  ASSERT_EQ(src->Seek(5, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), 15u);
+}
+
+TEST_F(FileDataSourceTest, RefusedSeeksKeepThePosition) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(src->Seek(4, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->Seek(0, static_cast<SeekOrigin>(3)), -1);
+  EXPECT_EQ(src->Seek(0, static_cast<SeekOrigin>(-1)), -1);
+  EXPECT_EQ(src->GetOffset(), 4u);
+  // Before the start: the runtime library refuses it.
+  EXPECT_NE(src->Seek(-1, DataSource::DS_SEEK_SET), 0);
+  EXPECT_NE(src->Seek(-5, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_NE(src->Seek(-11, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), 4u);
+  EXPECT_EQ(src->GetByte(), '4');
+}
+
+// ---- clones ---------------------------------------------------------------------------
+
+TEST_F(FileDataSourceTest, CloneStartsAtThePositionAndMovesOnItsOwn) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  src->SetIsTempFile(true);
+  EXPECT_EQ(Read(*src, 4), "0123");
+
+  auto clone = std::dynamic_pointer_cast<FileDataSource>(src->Clone());
+  ASSERT_NE(clone, nullptr);
+  EXPECT_EQ(clone->GetFileName(), path);
+  EXPECT_TRUE(clone->IsTempFile());
+  EXPECT_EQ(clone->GetOffset(), 4u);
+  EXPECT_EQ(Read(*clone, 3), "456");
+  EXPECT_EQ(src->GetOffset(), 4u);
+  EXPECT_EQ(src->GetByte(), '4');
+  EXPECT_EQ(clone->GetByte(), '7');
+}
+
+TEST_F(FileDataSourceTest, CloneOfAnUnopenedSourceStartsAtZero) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  auto clone = src->Clone();
+  ASSERT_NE(clone, nullptr);
+  EXPECT_FALSE(clone->IsTempFile());
+  EXPECT_EQ(clone->GetOffset(), 0u);
+  EXPECT_EQ(clone->GetByte(), '0');
+}
+
+// ---- system resources ------------------------------------------------------------------
+
+TEST_F(FileDataSourceTest, RelinquishClosesAndTheNextUseReopensAtZero) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(Read(*src, 6), "012345");
+  EXPECT_TRUE(src->IsHoldingSystemResources());
+  src->RelinquishSystemResources();
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+  src->RelinquishSystemResources();  // twice is harmless
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+
+  EXPECT_EQ(src->GetOffset(), 0u);
+  EXPECT_TRUE(src->IsHoldingSystemResources());
+  EXPECT_EQ(src->GetByte(), '0');
+}
+
+TEST_F(FileDataSourceTest, RelinquishClearsTheEndIndicator) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(Read(*src, 20), kTen);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  src->RelinquishSystemResources();
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(Read(*src, 3), "012");
+}
+
+// ---- size, time stamp, buffer ------------------------------------------------------------
+
+TEST_F(FileDataSourceTest, Sizes) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileSize(), 10u);
+  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
+}
+
+TEST_F(FileDataSourceTest, TimeStampIsTheModificationTimeInSeconds) {
+  SetModificationTime(path, 1609459200);  // 2021-01-01 00:00:00 UTC
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetTimeStamp(), "1609459200");
+
+  SetModificationTime(path, 86400);  // 1970-01-02, a short number
+  EXPECT_EQ(src->GetTimeStamp(), "86400");
+}
+
+TEST_F(FileDataSourceTest, ExtractBufferCopiesTheWholeFileAndKeepsThePosition) {
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(Read(*src, 3), "012");
+  auto buffer = src->ExtractBuffer();
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(buffer->GetSize(), 10u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->GetData()), 10), kTen);
+  EXPECT_EQ(src->GetOffset(), 3u);
+  EXPECT_EQ(src->GetByte(), '3');
+
+  // A copy: the buffer does not follow the file.
+  src.reset();
+  WriteFile(path, "abcdefghij");
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->GetData()), 10), kTen);
+}
+
+TEST_F(FileDataSourceTest, TempFlagIsOnlyStored) {
+  {
+    auto src = FileDataSource::Create(path);
+    ASSERT_NE(src, nullptr);
+    src->SetIsTempFile(true);
+    EXPECT_TRUE(src->IsTempFile());
+    EXPECT_EQ(src->GetByte(), '0');
+    src->SetIsTempFile(false);
+    EXPECT_FALSE(src->IsTempFile());
+    src->SetIsTempFile(true);
+  }
+  // Destroying a source marked temporary deletes nothing.
+  EXPECT_TRUE(fs::exists(fs::u8path(path)));
+}
+
+// ---- failures after opening (POSIX: an open file can be deleted) -------------------------
+
+TEST_F(FileDataSourceTest, StatFailureOfAnOpenFileIsReported) {
+#ifdef _WIN32
+  GTEST_SKIP() << "an open file cannot be deleted on Windows";
+#else
+  auto src = FileDataSource::Create(path);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetByte(), '0');
+  fs::remove(fs::u8path(path));
+
+  const std::string statLine =
+      "FileDataSource:: Failed to  stat \"" + path + "\" (" + ErrnoText(ENOENT) + ").\n";
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->GetFileSize(), 0u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), statLine);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->GetTimeStamp(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), statLine);
+
+  // The open stream still reads the deleted file's bytes.
+  EXPECT_EQ(Read(*src, 100), "123456789");
+#endif
+}
+
+TEST(FileDataSourceFailure, ReadErrorIsReported) {
+#ifndef __linux__
+  GTEST_SKIP() << "needs a readable file whose reads fail: /proc/self/mem on Linux";
+#else
+  // Reading at address 0 of the own process's memory fails with EIO.
+  const std::string name = "/proc/self/mem";
+  auto src = FileDataSource::Create(name);
+  ASSERT_NE(src, nullptr);
+  std::byte b[10];
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(src->GetBytes(b, 10), 0u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "FileDataSource: Failed to  read 10 bytes (" + ErrnoText(EIO) + ").\n");
+#endif
+}
+
+TEST(FileDataSourceFailure, DirectoryGivesNoBytes) {
+  TempDir dir;
+  const std::string name = dir.File("sub");
+  fs::create_directory(fs::u8path(name));
+  testing::internal::CaptureStderr();
+  auto src = FileDataSource::Create(name);
+  if (src != nullptr) {
+    EXPECT_EQ(src->GetByte(), -1);
+    EXPECT_TRUE(src->IsEndOfBuffer());
+  }
+  const std::string out = testing::internal::GetCapturedStderr();
+  // Whether the access test, the open or the read refuses it, it is said.
+  EXPECT_NE(out.find("FileDataSource"), std::string::npos) << out;
+}
+
+}  // namespace
+}  // namespace oru

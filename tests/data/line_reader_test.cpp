@@ -1,0 +1,236 @@
+// LineReader: byte-order marks, UTF-16 in both orders (with its signed
+// widening of the low byte), CR LF handling, lines longer than the read-ahead
+// block and the line buffer, the byte limit, ReadBinary and handing the
+// stream back. Every case runs over memory, a file, inflated data and a
+// source that hands out five bytes per call, which splits marks, units and
+// line ends across blocks.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "data/source_kinds.h"
+#include "oru/data_stream.h"
+#include "oru/line_reader.h"
+#include "support/test_util.h"
+
+namespace oru::test {
+namespace {
+
+using namespace std::string_literals;
+
+using Kinds = ::testing::Types<MemoryKind, FileKind, CompressedKind, TrickleKind<5>>;
+
+template <typename K>
+class LineReaderKinds : public SourceKindTest<K> {};
+TYPED_TEST_SUITE(LineReaderKinds, Kinds, KindName);
+
+std::vector<std::string> ReadAll(LineReader& reader) {
+  std::vector<std::string> lines;
+  while (lines.size() < 1000 && reader.ReadLine()) {
+    EXPECT_NE(reader.GetBuffer(), nullptr);
+    lines.push_back(reader.GetString());
+  }
+  return lines;
+}
+
+std::string Letters(size_t n, char first) {
+  std::string s(n, ' ');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(first + i % 26);
+  return s;
+}
+
+// Each character of `ascii` as one little-endian UTF-16 unit.
+std::string Utf16Le(const std::string& ascii) {
+  std::string out;
+  for (char c : ascii) out += std::string{c, '\0'};
+  return out;
+}
+
+struct Case {
+  const char* name;
+  std::string bytes;
+  std::vector<std::string> lines;  // as GetString() gives them
+};
+
+TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
+  const std::string u16Mixed =
+      "\xFF\xFE"
+      "a\0\r\0b\0\n\0\n\0\x2D\x4E\x3D\xD8\x00\xDE"s;  // a CR b, "", U+4E2D U+1F600
+  const Case cases[] = {
+      {"plain", "one\ntwo\n", {"one", "two"}},
+      {"CRLF, no final end", "a\r\nb", {"a", "b"}},
+      {"empty lines", "\n\n", {"", ""}},
+      {"lone CR stays", "a\rb\r\nc\r", {"a\rb", "c\r"}},
+      {"LF CR", "a\n\rb", {"a", "\rb"}},
+      {"empty", "", {}},
+      {"UTF-8 mark",
+       "\xEF\xBB\xBF"
+       "hi\r\nthere",
+       {"hi", "there"}},
+      {"mark not at the start",
+       "x\n\xEF\xBB\xBF"
+       "y",
+       {"x",
+        "\xEF\xBB\xBF"
+        "y"}},
+      {"UTF-16LE",
+       "\xFF\xFE"
+       "a\0\r\0\n\0"s,
+       {"a"}},
+      {"UTF-16LE mixed", u16Mixed, {"a\rb", "", "\xE4\xB8\xAD\xF0\x9F\x98\x80"}},
+      {"UTF-16BE", "\xFE\xFF\0a\0\r\0\n\0b"s, {"a", "b"}},
+      {"UTF-16 high byte", "\xFF\xFE\x5C\xD5"s, {"\xED\x95\x9C"}},
+      // E9 as the low byte is widened to FFE9.
+      {"UTF-16LE widening", "\xFF\xFE\xE9\0"s, {"\xEF\xBF\xA9"}},
+      {"UTF-16BE widening", "\xFE\xFF\0\xE9"s, {"\xEF\xBF\xA9"}},
+      {"UTF-16 odd trailing byte",
+       "\xFF\xFE"
+       "a\0b"s,
+       {"a"}},
+      {"mark in 3 bytes",
+       "\xFF\xFE"
+       "a",
+       {"\xFF\xFE"
+        "a"}},
+      {"UTF-8 mark alone", "\xEF\xBB\xBF", {"\xEF\xBB\xBF"}},
+      {"mark in 4 bytes",
+       "\xFF\xFE"
+       "a\0"s,
+       {"a"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    DataStream s = this->Make(c.bytes);
+    LineReader reader(&s, 0);
+    EXPECT_EQ(ReadAll(reader), c.lines);
+    EXPECT_FALSE(reader.ReadLine());
+    EXPECT_EQ(reader.GetBuffer(), nullptr);
+    EXPECT_EQ(reader.GetString(), "");
+    EXPECT_EQ(s.GetBytesRead(), c.bytes.size());
+  }
+}
+
+TYPED_TEST(LineReaderKinds, BufferHoldsRawBytesOrUnits) {
+  {
+    DataStream s = this->Make(
+        "\xFF\xFE"
+        "a");  // too short for a mark
+    LineReader reader(&s, 0);
+    EXPECT_EQ(reader.GetBuffer(), nullptr);
+    ASSERT_TRUE(reader.ReadLine());
+    EXPECT_STREQ(reader.GetBuffer(),
+                 "\xFF\xFE"
+                 "a");
+  }
+  const std::string marked[] = {
+      "\xFF\xFE\xE9\0"
+      "A\0\r\0\n\0"s,
+      "\xFE\xFF\0\xE9\0"
+      "A\0\r\0\n"s};
+  for (const std::string& bytes : marked) {
+    DataStream s = this->Make(bytes);
+    LineReader reader(&s, 0);
+    ASSERT_TRUE(reader.ReadLine());
+    char16_t units[3];
+    std::memcpy(units, reader.GetBuffer(), sizeof units);
+    EXPECT_EQ(units[0], 0xFFE9);
+    EXPECT_EQ(units[1], u'A');
+    EXPECT_EQ(units[2], 0);
+  }
+}
+
+TYPED_TEST(LineReaderKinds, LongLinesAcrossBlocks) {
+  {
+    // The CR LF straddles the first 4 KiB block; the second line outgrows
+    // the line buffer several times, the third follows a shrink.
+    const std::string first = Letters(4095, 'a'), second = Letters(20000, 'A');
+    DataStream s = this->Make(first + "\r\n" + second + "\ntail");
+    LineReader reader(&s, 0);
+    ASSERT_TRUE(reader.ReadLine());
+    EXPECT_EQ(reader.GetString(), first);
+    ASSERT_TRUE(reader.ReadLine());
+    EXPECT_EQ(std::strlen(reader.GetBuffer()), second.size());
+    EXPECT_EQ(reader.GetString(), second);
+    ASSERT_TRUE(reader.ReadLine());
+    EXPECT_STREQ(reader.GetBuffer(), "tail");
+    EXPECT_FALSE(reader.ReadLine());
+  }
+  {
+    // UTF-16: CR in bytes 4094-4095, LF in 4096-4097.
+    const std::string first = Letters(2046, 'a'), second = Letters(3000, 'A');
+    DataStream s = this->Make("\xFF\xFE" + Utf16Le(first + "\r\n" + second + "\nd"));
+    LineReader reader(&s, 0);
+    EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{first, second, "d"}));
+  }
+}
+
+TYPED_TEST(LineReaderKinds, LimitCapsTheBytesTaken) {
+  {
+    DataStream s = this->Make("abcdef");
+    LineReader reader(&s, 3);
+    EXPECT_EQ(ReadAll(reader), std::vector<std::string>{"abc"});
+    EXPECT_EQ(s.GetBytesRead(), 3u);
+  }
+  {
+    DataStream s = this->Make("ab\ncd\nef");
+    LineReader reader(&s, 5);
+    EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{"ab", "cd"}));
+    EXPECT_EQ(s.GetBytesRead(), 5u);
+  }
+}
+
+TYPED_TEST(LineReaderKinds, ReadBinary) {
+  std::string bin = RandomBytes(6000, 4);
+  bin[0] = '\n';
+  bin[1] = '\0';
+  DataStream s = this->Make("head\n" + bin);
+  LineReader reader(&s, 0);
+  EXPECT_EQ(reader.GetBinBuffer(), nullptr);
+  EXPECT_EQ(reader.ReadBinary(0), 0u);
+  EXPECT_EQ(reader.GetBinBuffer(), nullptr);
+  ASSERT_TRUE(reader.ReadLine());
+  EXPECT_EQ(reader.GetString(), "head");
+  ASSERT_EQ(reader.ReadBinary(10), 10u);
+  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data(), 10), 0);
+  EXPECT_EQ(reader.GetBinBuffer()[10], 0);
+  ASSERT_EQ(reader.ReadBinary(100000), 5990u);
+  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data() + 10, 5990), 0);
+  EXPECT_EQ(reader.GetBinBuffer()[5990], 0);
+  EXPECT_EQ(reader.ReadBinary(5), 0u);
+  EXPECT_FALSE(reader.ReadLine());
+}
+
+TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
+  // The stream goes back to the first byte not handed out, and the reader
+  // reads a fresh block from there: nothing is lost or counted twice.
+  const std::string bin = RandomBytes(5000, 9);
+  DataStream s = this->Make("header\n" + bin);
+  LineReader reader(&s, 0);
+  ASSERT_TRUE(reader.ReadLine());
+  EXPECT_EQ(reader.GetString(), "header");
+  EXPECT_TRUE(reader.SeekToBufferStart());
+  // One block (up to 4 KiB, less for a source that trickles) was read again.
+  EXPECT_GT(s.GetPosition(), 7u);
+  EXPECT_LE(s.GetPosition(), 7u + 4096u);
+  EXPECT_EQ(s.GetBytesRead(), s.GetPosition());
+  ASSERT_EQ(reader.ReadBinary(10000), bin.size());
+  EXPECT_TRUE(std::string(reinterpret_cast<char*>(reader.GetBinBuffer()), bin.size()) == bin);
+  EXPECT_EQ(s.GetBytesRead(), 7 + bin.size());
+}
+
+TYPED_TEST(LineReaderKinds, ReadingGoesOnAfterSeekToBufferStart) {
+  DataStream s = this->Make("l1\nl2\r\nl3");
+  LineReader reader(&s, 0);
+  ASSERT_TRUE(reader.ReadLine());
+  EXPECT_STREQ(reader.GetBuffer(), "l1");
+  EXPECT_TRUE(reader.SeekToBufferStart());
+  EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{"l2", "l3"}));
+  EXPECT_EQ(s.GetBytesRead(), 9u);
+}
+
+}  // namespace
+}  // namespace oru::test

@@ -1,0 +1,436 @@
+// SparseDataSource: sections and their order, reads that throw at missing
+// data and stop short at gaps, seams between adjacent sections, RangeIsValid,
+// the seek rules (the relative forms store their raw argument, and every
+// accepted seek forgets the current section), ExtractBuffer, and the
+// properties of the source.
+#include "oru/sparse_data_source.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+namespace oru {
+namespace {
+
+std::string Read(DataSource& src, uint64_t count) {
+  std::string out(static_cast<size_t>(count), '\0');
+  const uint64_t got = src.GetBytes(reinterpret_cast<std::byte*>(out.data()), count);
+  out.resize(static_cast<size_t>(got));
+  return out;
+}
+
+// The byte that the whole content holds at `offset` in these tests, so that
+// any section can be filled and any read checked independently.
+char ByteAt(uint64_t offset) {
+  return static_cast<char>('A' + offset % 26);
+}
+
+std::string Expected(uint64_t begin, uint64_t end) {
+  std::string s;
+  for (uint64_t i = begin; i < end; ++i) s += ByteAt(i);
+  return s;
+}
+
+class SparseDataSourceTest : public testing::Test {
+protected:
+  // Adds the section [offset, offset + size) filled with its proper bytes.
+  uint64_t Add(uint64_t offset, uint64_t size) {
+    const uint64_t index = src->AddSection(offset, size);
+    const SparseDataSource::Section section = src->GetSection(index);
+    EXPECT_EQ(section.offset, offset);
+    EXPECT_EQ(section.size, size);
+    for (uint64_t i = 0; i < size; ++i)
+      section.data[i] = static_cast<std::byte>(ByteAt(offset + i));
+    return index;
+  }
+
+  std::shared_ptr<SparseDataSource> src = SparseDataSource::Create(100);
+};
+
+// ---- sections -------------------------------------------------------------------------
+
+TEST_F(SparseDataSourceTest, NewSectionIsZeroFilledAndWritable) {
+  const uint64_t index = src->AddSection(10, 5);
+  EXPECT_EQ(index, 0u);
+  EXPECT_EQ(src->GetSectionCount(), 1u);
+  SparseDataSource::Section section = src->GetSection(index);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(section.data), 5), std::string(5, '\0'));
+  std::memcpy(section.data, "hello", 5);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(src->GetSection(index).data), 5), "hello");
+}
+
+TEST_F(SparseDataSourceTest, SectionsAreKeptInOrderOfOffset) {
+  EXPECT_EQ(Add(50, 10), 0u);
+  EXPECT_EQ(Add(0, 10), 0u);   // before 50
+  EXPECT_EQ(Add(20, 5), 1u);   // between
+  EXPECT_EQ(Add(60, 5), 3u);   // starts at the end of 50..59: after it
+  EXPECT_EQ(Add(10, 10), 1u);  // starts at the end of 0..9: after it
+  ASSERT_EQ(src->GetSectionCount(), 5u);
+  const uint64_t offsets[] = {0, 10, 20, 50, 60};
+  for (uint64_t i = 0; i < 5; ++i) EXPECT_EQ(src->GetSection(i).offset, offsets[i]) << i;
+}
+
+TEST_F(SparseDataSourceTest, RemoveSectionMovesLaterOnesDown) {
+  Add(0, 10);
+  Add(20, 10);
+  Add(40, 10);
+  src->RemoveSection(1);
+  ASSERT_EQ(src->GetSectionCount(), 2u);
+  EXPECT_EQ(src->GetSection(0).offset, 0u);
+  EXPECT_EQ(src->GetSection(1).offset, 40u);
+  EXPECT_FALSE(src->RangeIsValid(20, 30));
+  EXPECT_TRUE(src->RangeIsValid(40, 50));
+}
+
+TEST_F(SparseDataSourceTest, ImpossiblyLargeSectionIsALengthError) {
+  EXPECT_THROW(src->AddSection(0, uint64_t{1} << 63), std::length_error);
+  EXPECT_THROW(src->AddSection(0, UINT64_MAX), std::length_error);
+  EXPECT_EQ(src->GetSectionCount(), 0u);
+}
+
+// ---- reading ----------------------------------------------------------------------------
+
+TEST_F(SparseDataSourceTest, NoSectionsThrowsUntilTheEnd) {
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  std::byte b[4];
+  EXPECT_THROW(src->GetBytes(b, 4), DataUnavailable);
+  EXPECT_THROW(src->GetBytes(b, 0), DataUnavailable);  // even for nothing
+  EXPECT_EQ(src->GetOffset(), 0u);
+
+  ASSERT_EQ(src->Seek(100, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_EQ(src->GetBytes(b, 4), 0u);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+}
+
+TEST(DataUnavailable, Message) {
+  EXPECT_STREQ(DataUnavailable().what(), "Requested data is not loaded into SparseDataSource.");
+}
+
+TEST_F(SparseDataSourceTest, SectionAtThePositionIsReadableAtOnce) {
+  EXPECT_EQ(Add(0, 10), 0u);
+  EXPECT_EQ(src->GetByte(), 'A');
+  EXPECT_EQ(Read(*src, 4), Expected(1, 5));
+  EXPECT_EQ(src->GetOffset(), 5u);
+}
+
+TEST_F(SparseDataSourceTest, SectionAddedLaterAtThePositionIsReadable) {
+  Add(0, 10);
+  ASSERT_EQ(Read(*src, 10), Expected(0, 10));
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  Add(10, 5);
+  EXPECT_EQ(Read(*src, 10), Expected(10, 15));
+}
+
+TEST_F(SparseDataSourceTest, ReadIsShortAtAGapAndThenThrows) {
+  Add(0, 10);
+  Add(20, 10);
+  EXPECT_EQ(Read(*src, 30), Expected(0, 10));
+  EXPECT_EQ(src->GetOffset(), 10u);
+  std::byte b[4];
+  EXPECT_THROW(src->GetBytes(b, 4), DataUnavailable);
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  EXPECT_EQ(src->GetOffset(), 10u);
+}
+
+TEST_F(SparseDataSourceTest, ByteReadsThrowAtAGap) {
+  Add(0, 3);
+  Add(4, 3);
+  EXPECT_EQ(src->GetByte(), 'A');
+  EXPECT_EQ(src->GetByte(), 'B');
+  EXPECT_EQ(src->GetByte(), 'C');
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  EXPECT_EQ(src->GetOffset(), 3u);
+}
+
+TEST_F(SparseDataSourceTest, ReadsCrossTheSeamOfAdjacentSections) {
+  Add(0, 10);
+  Add(10, 10);
+  EXPECT_EQ(Read(*src, 20), Expected(0, 20));
+  EXPECT_EQ(src->GetOffset(), 20u);
+}
+
+TEST_F(SparseDataSourceTest, SeamWorksWhicheverSectionCameFirst) {
+  Add(10, 10);
+  Add(0, 10);
+  Add(20, 10);
+  EXPECT_EQ(Read(*src, 25), Expected(0, 25));
+  for (uint64_t i = 25; i < 30; ++i) EXPECT_EQ(src->GetByte(), ByteAt(i)) << i;
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+}
+
+TEST_F(SparseDataSourceTest, WholeContentPresent) {
+  Add(0, 60);
+  Add(60, 40);
+  EXPECT_EQ(Read(*src, 1000), Expected(0, 100));
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_EQ(Read(*src, 10), "");
+}
+
+TEST_F(SparseDataSourceTest, RemovingTheCurrentSectionMakesReadsThrow) {
+  Add(0, 10);
+  ASSERT_EQ(src->GetByte(), 'A');
+  src->RemoveSection(0);
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  EXPECT_EQ(src->GetOffset(), 1u);
+}
+
+TEST_F(SparseDataSourceTest, RemovingAnotherSectionKeepsReading) {
+  Add(0, 10);
+  Add(20, 10);
+  ASSERT_EQ(src->GetByte(), 'A');
+  src->RemoveSection(1);
+  EXPECT_EQ(Read(*src, 9), Expected(1, 10));
+}
+
+TEST_F(SparseDataSourceTest, SectionInsertedBeforeTheCurrentOneDoesNotMisdirectReads) {
+  // Reading at 20 from the section 20..29, then a section is added before it.
+  ASSERT_EQ(src->Seek(20, DataSource::DS_SEEK_SET), 0);
+  Add(20, 10);
+  ASSERT_EQ(src->GetByte(), ByteAt(20));
+  Add(0, 10);
+  // The byte at 21 is present; whatever the source does about its idea of
+  // the current section, it must not read another section's memory.
+  int c = -2;
+  try {
+    c = src->GetByte();
+  } catch (const DataUnavailable&) {
+    return;
+  }
+  EXPECT_EQ(c, ByteAt(21));
+}
+
+TEST_F(SparseDataSourceTest, ReloadedRangeDoesNotLeadReadsIntoAnOlderSection) {
+  // The usual recovery: seek, reload the range, read on. The old copy of the
+  // range stays as a second section.
+  Add(0, 10);
+  ASSERT_EQ(src->Seek(5, DataSource::DS_SEEK_SET), 0);
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  Add(0, 10);
+  EXPECT_EQ(Read(*src, 5), Expected(5, 10));
+  // Nothing holds byte 10, so the next read must throw; it must not take a
+  // byte from beyond the older section 0..9.
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+}
+
+// ---- RangeIsValid ---------------------------------------------------------------------------
+
+TEST_F(SparseDataSourceTest, RangeIsValid) {
+  Add(0, 10);
+  Add(10, 10);
+  Add(30, 10);
+  struct Case {
+    uint64_t begin, end;
+    bool valid;
+  };
+  const Case cases[] = {
+      {0, 10, true},                     // exactly one section
+      {2, 8, true},                      // inside one
+      {5, 15, true},                     // across a seam
+      {0, 20, true},                     // two adjacent sections whole
+      {19, 20, true},                    // the last byte before a gap
+      {15, 25, false},                   // into a gap
+      {20, 30, false},                   // the gap itself
+      {25, 35, false},                   // from a gap into a section
+      {30, 40, true},  {35, 41, false},  // past the last section
+      {40, 50, false}, {0, 40, false},   // everything, across the gap
+      {5, 5, false},                     // empty
+      {6, 5, false},                     // reversed
+      {0, 0, false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(src->RangeIsValid(c.begin, c.end), c.valid) << c.begin << ".." << c.end;
+}
+
+TEST_F(SparseDataSourceTest, RangeIsValidWithoutSections) {
+  EXPECT_FALSE(src->RangeIsValid(0, 1));
+  EXPECT_FALSE(src->RangeIsValid(0, 100));
+}
+
+TEST_F(SparseDataSourceTest, RangeIsValidAfterOnlyOneSideOfAGapIsLoaded) {
+  Add(0, 10);
+  EXPECT_TRUE(src->RangeIsValid(0, 10));
+  EXPECT_FALSE(src->RangeIsValid(5, 15));
+  Add(10, 5);
+  EXPECT_TRUE(src->RangeIsValid(5, 15));
+  EXPECT_FALSE(src->RangeIsValid(5, 16));
+}
+
+// ---- seeking --------------------------------------------------------------------------------
+
+TEST_F(SparseDataSourceTest, SeekSetRules) {
+  ASSERT_EQ(src->Seek(40, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetOffset(), 40u);
+  EXPECT_EQ(src->Seek(101, DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->Seek(-1, DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->Seek(std::numeric_limits<int64_t>::min(), DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->Seek(0, static_cast<SeekOrigin>(3)), -1);
+  EXPECT_EQ(src->GetOffset(), 40u);
+  ASSERT_EQ(src->Seek(100, DataSource::DS_SEEK_SET), 0);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), 0);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+}
+
+TEST_F(SparseDataSourceTest, SeekForgetsTheCurrentSectionUntilItIsAddedAgain) {
+  Add(0, 10);
+  ASSERT_EQ(src->Seek(5, DataSource::DS_SEEK_SET), 0);
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+  EXPECT_FALSE(src->RangeIsValid(0, 11));
+  EXPECT_TRUE(src->RangeIsValid(0, 10));  // the data is there all the same
+  Add(5, 5);
+  EXPECT_EQ(src->GetByte(), ByteAt(5));
+
+  // Even a seek to where the reader already stands forgets it.
+  ASSERT_EQ(src->Seek(6, DataSource::DS_SEEK_SET), 0);
+  EXPECT_THROW(src->GetByte(), DataUnavailable);
+}
+
+TEST_F(SparseDataSourceTest, RefusedSeekKeepsTheCurrentSection) {
+  Add(0, 10);
+  ASSERT_EQ(src->GetByte(), 'A');
+  EXPECT_EQ(src->Seek(101, DataSource::DS_SEEK_SET), -1);
+  EXPECT_EQ(src->Seek(1, DataSource::DS_SEEK_END), -1);
+  EXPECT_EQ(src->Seek(0, static_cast<SeekOrigin>(7)), -1);
+  EXPECT_EQ(src->GetByte(), 'B');
+}
+
+TEST_F(SparseDataSourceTest, SeekFromCurrentStoresTheRawArgument) {
+  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
+  ASSERT_EQ(src->Seek(3, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetOffset(), 3u);  // not 13
+
+  // The check is on the target: 3 + 97 is the end, 3 + 98 is past it.
+  EXPECT_EQ(src->Seek(98, DataSource::DS_SEEK_CUR), -1);
+  EXPECT_EQ(src->GetOffset(), 3u);
+  ASSERT_EQ(src->Seek(97, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetOffset(), 97u);
+}
+
+TEST_F(SparseDataSourceTest, SeekBackFromCurrentStoresAHugePosition) {
+  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->Seek(-11, DataSource::DS_SEEK_CUR), -1);  // before the start
+  EXPECT_EQ(src->GetOffset(), 10u);
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_CUR), 0);
+  EXPECT_EQ(src->GetOffset(), UINT64_MAX);
+  // A position past the end: reads report the end, though it is not the end.
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_EQ(Read(*src, 4), "");
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->GetOffset(), 0u);
+}
+
+TEST_F(SparseDataSourceTest, SeekFromEndStoresTheRawArgument) {
+  ASSERT_EQ(src->Seek(50, DataSource::DS_SEEK_SET), 0);
+  EXPECT_EQ(src->Seek(1, DataSource::DS_SEEK_END), -1);
+  EXPECT_EQ(src->Seek(-101, DataSource::DS_SEEK_END), -1);
+  EXPECT_EQ(src->Seek(std::numeric_limits<int64_t>::min(), DataSource::DS_SEEK_END), -1);
+  EXPECT_EQ(src->GetOffset(), 50u);
+
+  ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), 0u);  // the raw 0, not the end
+
+  ASSERT_EQ(src->Seek(-5, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), UINT64_MAX - 4);
+  EXPECT_EQ(src->GetByte(), -1);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+
+  ASSERT_EQ(src->Seek(-100, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), static_cast<uint64_t>(-100));
+}
+
+// ---- ExtractBuffer ------------------------------------------------------------------------------
+
+std::string BufferText(const DataSource::Buffer& buffer) {
+  return std::string(reinterpret_cast<const char*>(buffer.GetData()),
+                     static_cast<size_t>(buffer.GetSize()));
+}
+
+TEST_F(SparseDataSourceTest, ExtractBufferCopiesFromTheSections) {
+  Add(40, 60);
+  Add(0, 20);
+  Add(20, 20);
+  ASSERT_EQ(Read(*src, 7), Expected(0, 7));
+
+  auto buffer = src->ExtractBuffer();
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(BufferText(*buffer), Expected(0, 100));
+
+  // A copy: later changes to a section do not reach it.
+  src->GetSection(0).data[0] = std::byte{'#'};
+  EXPECT_EQ(BufferText(*buffer), Expected(0, 100));
+
+  // The reader goes on where it was, without having to reload anything.
+  EXPECT_EQ(src->GetOffset(), 7u);
+  EXPECT_EQ(Read(*src, 10), Expected(7, 17));
+}
+
+TEST_F(SparseDataSourceTest, ExtractBufferThrowsOnlyWhenAByteIsMissing) {
+  Add(0, 50);
+  Add(51, 49);
+  ASSERT_EQ(src->GetByte(), 'A');
+  EXPECT_THROW(src->ExtractBuffer(), DataUnavailable);
+  EXPECT_EQ(src->GetOffset(), 1u);
+  EXPECT_EQ(src->GetByte(), 'B');
+
+  Add(50, 1);
+  auto buffer = src->ExtractBuffer();
+  EXPECT_EQ(BufferText(*buffer), Expected(0, 100));
+}
+
+TEST_F(SparseDataSourceTest, ExtractBufferMissingTheLastByte) {
+  Add(0, 99);
+  EXPECT_THROW(src->ExtractBuffer(), DataUnavailable);
+}
+
+TEST_F(SparseDataSourceTest, ExtractBufferWithOverlappingSections) {
+  // A range loaded again inside a larger one that is already present: no
+  // byte is missing, so the copy succeeds.
+  Add(0, 100);
+  Add(30, 10);
+  auto buffer = src->ExtractBuffer();
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(BufferText(*buffer), Expected(0, 100));
+}
+
+TEST(SparseDataSourceEmpty, ExtractBufferOfNothing) {
+  auto src = SparseDataSource::Create(0);
+  EXPECT_TRUE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetByte(), -1);
+  auto buffer = src->ExtractBuffer();
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(buffer->GetSize(), 0u);
+}
+
+// ---- properties -------------------------------------------------------------------------------
+
+TEST_F(SparseDataSourceTest, Properties) {
+  EXPECT_EQ(src->GetFileSize(), 100u);
+  EXPECT_EQ(src->GetBufferSize(), 100u);
+  EXPECT_EQ(src->GetOffset(), 0u);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(src->GetTimeStamp(), "");
+  EXPECT_FALSE(src->IsTempFile());
+  src->SetIsTempFile(true);
+  EXPECT_TRUE(src->IsTempFile());
+  src->SetIsTempFile(false);
+  EXPECT_FALSE(src->IsTempFile());
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+}
+
+TEST_F(SparseDataSourceTest, NoCloneAndNoCompressedView) {
+  Add(0, 100);
+  EXPECT_EQ(src->Clone(), nullptr);
+  EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
+  EXPECT_EQ(src->GetOffset(), 0u);
+}
+
+}  // namespace
+}  // namespace oru

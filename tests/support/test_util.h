@@ -1,0 +1,49 @@
+// Helpers shared by the test suites: a private temporary directory per test,
+// whole-file I/O, and running the independent tools (gzip, python3, zip) that
+// make reference data for us.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace oru::test {
+
+// A fresh directory under the system temporary directory, removed with
+// everything in it when the object goes away.
+class TempDir {
+public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& path() const { return m_path; }
+  // Path of `name` inside the directory, as a UTF-8 string.
+  std::string File(const std::string& name) const;
+
+private:
+  std::filesystem::path m_path;
+};
+
+void WriteFile(const std::string& path, const std::string& bytes);
+std::string ReadFile(const std::string& path);
+
+// Runs a shell command; returns its exit status (or -1 when it cannot run).
+int Run(const std::string& command);
+// True when `tool` can be found on PATH. Tests that need an outside tool
+// (gzip, python3, zip) skip with a message when it is missing, e.g. under
+// wine, where there is no shell.
+bool HaveTool(const std::string& tool);
+
+// Deterministic pseudo-random bytes for test data.
+std::string RandomBytes(std::size_t n, unsigned seed);
+
+// Compresses with zlib itself: format 'z' (zlib wrapper), 'g' (gzip wrapper)
+// or 'r' (raw deflate).
+std::string Deflate(const std::string& data, char format, int level = 6);
+
+}  // namespace oru::test
