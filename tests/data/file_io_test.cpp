@@ -52,19 +52,6 @@ TEST(FileIo, OpensNonAsciiNamesAndReadsBytesUnchanged) {
   EXPECT_EQ(size, bytes.size());
 }
 
-TEST(FileIo, OpensReadOnly) {
-  TempDir dir;
-  const std::string name = dir.File("ro.bin");
-  WriteFile(name, "abc");
-  {
-    FilePtr f(OpenFileForReading(name));
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(std::fputc('x', f.get()), EOF);
-    std::fflush(f.get());
-  }
-  EXPECT_EQ(oru::test::ReadFile(name), "abc");
-}
-
 TEST(FileIo, MissingFileFailsWithErrno) {
   TempDir dir;
   const std::string name = dir.File("missing.bin");
