@@ -147,6 +147,10 @@ private:
 
   DataSource& ActiveBuffer() const { return compressed ? *compressed : *source; }
   uint64_t GetBytes(std::byte* dst, uint64_t count);
+  // On the in-memory fast path: consumes up to `count` bytes as GetBytes
+  // would and returns where they lie in the source's memory (*got set);
+  // otherwise null and nothing consumed.
+  const std::byte* TakeDirect(uint64_t count, uint64_t* got);
   bool ReadByteArray(std::byte* dst, uint64_t count);
   template <std::size_t Width>
   bool ReadScalar(void* value);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <typeinfo>
 
+#include "data/line_scan.h"
 #include "oru/compressed_data_source.h"
 #include "oru/file_data_source.h"
 #include "oru/make_shared_enabler.h"
@@ -119,6 +120,17 @@ uint64_t DataStream::GetBytes(std::byte* dst, uint64_t count) {
   }
   bytesRead += n;
   return n;
+}
+
+const std::byte* DataStream::TakeDirect(uint64_t count, uint64_t* got) {
+  if (memory == nullptr) return nullptr;
+  const uint64_t avail = memory->size - memory->offset;
+  const uint64_t n = count < avail ? count : avail;
+  const std::byte* at = memory->data + memory->offset;
+  memory->offset += n;
+  bytesRead += n;
+  *got = n;
+  return at;
 }
 
 uint64_t DataStream::FillBuffer(std::byte* dst, uint64_t count) {
@@ -282,10 +294,7 @@ bool DataStream::ReadLineFromMemory(std::string* line) {
   if (pos == size) return false;
   const char* p = reinterpret_cast<const char*>(base + pos);
   const char* end = reinterpret_cast<const char*>(base + size);
-  const auto* lf = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
-  const char* limit = lf != nullptr ? lf : end;
-  const auto* cr = static_cast<const char*>(std::memchr(p, '\r', static_cast<size_t>(limit - p)));
-  const char* stop = cr != nullptr ? cr : limit;
+  const char* stop = detail::FindLineEnd(p, end);
   line->assign(p, stop);
   const char* next = stop;
   if (stop != end) {

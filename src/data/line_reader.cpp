@@ -24,6 +24,11 @@ struct LineReader::State {
   unsigned char* binary = nullptr;
   uint32_t blockSize = BLOCK_SIZE;
   std::unique_ptr<unsigned char[]> block{new unsigned char[BLOCK_SIZE]()};
+  // The bytes of the current block: `block`, or, when the stream reads an
+  // in-memory source directly, the source's own memory (no copy), kept
+  // alive by `blockOwner`.
+  const unsigned char* blockData = block.get();
+  std::shared_ptr<DataSource> blockOwner;
   uint32_t blockNext = 0;
   uint32_t blockEnd = 0;
   std::unique_ptr<char[]> lineBuffer{new char[INITIAL_LINE_CAPACITY]()};
@@ -49,7 +54,15 @@ struct LineReader::State {
       want = std::min(cap - consumed, blockSize);
     }
     blockStart = stream->GetPosition();
-    const uint64_t got = stream->GetBytes(reinterpret_cast<std::byte*>(block.get()), want);
+    uint64_t got = 0;
+    if (const std::byte* direct = stream->TakeDirect(want, &got)) {
+      blockData = reinterpret_cast<const unsigned char*>(direct);
+      blockOwner = stream->ActiveDataSource();
+    } else {
+      got = stream->GetBytes(reinterpret_cast<std::byte*>(block.get()), want);
+      blockData = block.get();
+      blockOwner.reset();
+    }
     consumed += static_cast<uint32_t>(got);
     blockEnd = static_cast<uint32_t>(got);
     return got != 0;
@@ -85,7 +98,7 @@ struct LineReader::State {
 
   void DetectMark() {
     if (blockStart + blockNext != 0 || Available() < 4) return;
-    const unsigned char* b = block.get() + blockNext;
+    const unsigned char* b = blockData + blockNext;
     if (b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) {
       encoding = UTF8_BOM;
       blockNext += 3;
@@ -107,16 +120,23 @@ struct LineReader::State {
 
   bool ReadByteLine() {
     while (EnsureData()) {
-      const unsigned char* p = block.get() + blockNext;
+      const unsigned char* p = blockData + blockNext;
       const auto* lf = static_cast<const unsigned char*>(std::memchr(p, '\n', Available()));
       const auto n = static_cast<uint32_t>(lf != nullptr ? lf - p : Available());
-      Append(p, n);
-      blockNext += n;
-      if (lf != nullptr) {
-        ++blockNext;
-        if (lineEnd > 0 && lineBuffer[lineEnd - 1] == '\r') --lineEnd;
-        return FinishLine(1);
+      if (lf == nullptr) {
+        Append(p, n);
+        blockNext += n;
+        continue;
       }
+      // A CR right before the LF is dropped. It is looked up in the block,
+      // not read back from the line buffer just written.
+      if (n > 0) {
+        Append(p, p[n - 1] == '\r' ? n - 1 : n);
+      } else if (lineEnd > 0 && lineBuffer[lineEnd - 1] == '\r') {
+        --lineEnd;
+      }
+      blockNext += n + 1;
+      return FinishLine(1);
     }
     Reserve(1);
     lineBuffer[lineEnd] = 0;
@@ -129,7 +149,7 @@ struct LineReader::State {
     unsigned char bytes[2];
     for (auto& b : bytes) {
       if (!EnsureData()) return false;  // a lone trailing byte is dropped
-      b = block[blockNext++];
+      b = blockData[blockNext++];
     }
     const unsigned char lo = encoding == UTF16_LE ? bytes[0] : bytes[1];
     const unsigned char hi = encoding == UTF16_LE ? bytes[1] : bytes[0];
@@ -200,7 +220,7 @@ unsigned long LineReader::ReadBinary(unsigned long count) {
   uint64_t copied = 0;
   while (copied < count && s.EnsureData()) {
     const uint64_t n = std::min<uint64_t>(count - copied, s.Available());
-    s.Append(s.block.get() + s.blockNext, n);
+    s.Append(s.blockData + s.blockNext, n);
     s.blockNext += static_cast<uint32_t>(n);
     copied += n;
   }
