@@ -4,11 +4,12 @@
 Benchmarks are named BM_<job>/ours_<variant> and BM_<job>/peer; each of ours
 is paired with the peer of its job. Figures are medians of the repetitions,
 in MB/s (10^6 bytes per second) of source data. The ratio is our throughput
-over the peer's: above 1 we are faster.
+over the peer's (rounded down): above 1 we are faster.
 
     scripts/bench_table.py build/release/bench/results.json [--markdown]
 """
 import json
+import math
 import sys
 
 # Minimum ratio ours/peer each job must reach (None: measured, no target).
@@ -63,21 +64,22 @@ def rows(medians):
             if target is None or ratio is None:
                 verdict = "-"
             else:
-                verdict = "met" if ratio >= target else "MISSED"
+                verdict = "met" if ratio >= target else "missed"
             out.append([
                 job[3:] if job.startswith("BM_") else job,
                 variant[5:] if variant.startswith("ours_") else variant,
                 f"{ours['mbps']:.0f}",
                 f"{peer['mbps']:.0f}" if peer else "-",
                 PEERS.get(job, "peer"),
-                f"{ratio:.2f}" if ratio is not None else "-",
+                # Rounded down, so that a ratio shown as meeting a target does.
+                f"{math.floor(ratio * 100) / 100:.2f}" if ratio is not None else "-",
                 f">= {target:.1f}" if target is not None else "none",
                 verdict,
             ])
     return out
 
 
-HEADER = ["job", "ours", "ours MB/s", "peer MB/s", "peer", "ours/peer", "target", ""]
+HEADER = ["job", "ours", "ours MB/s", "peer MB/s", "peer", "ours/peer", "target", "status"]
 
 
 def main():
