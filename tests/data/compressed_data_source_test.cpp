@@ -8,10 +8,8 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -22,7 +20,6 @@
 namespace oru {
 namespace {
 
-namespace fs = std::filesystem;
 using test::Deflate;
 using test::HaveTool;
 using test::RandomBytes;
@@ -152,45 +149,20 @@ INSTANTIATE_TEST_SUITE_P(Kinds, CompressedSourceTest, testing::Values(Kind::File
                            return info.param == Kind::File ? "File" : "Memory";
                          });
 
-TEST_P(CompressedSourceTest, ZlibStream) {
-  const std::string data = Text(5000);
-  auto src = Open(Deflate(data, 'z'));
-  ASSERT_NE(src, nullptr);
-  EXPECT_FALSE(src->IsEndOfBuffer());
-  EXPECT_EQ(src->GetByte(), 'l');
-  EXPECT_EQ(Read(*src, 4), "ine ");
-  EXPECT_EQ(src->GetOffset(), 5u);
-  EXPECT_EQ(ReadAll(*src, 333), data.substr(5));
-  EXPECT_TRUE(src->IsEndOfBuffer());
-  EXPECT_EQ(src->GetByte(), -1);
-  EXPECT_EQ(src->GetOffset(), data.size());
-}
-
-TEST_P(CompressedSourceTest, GzipStreamWrittenByZlib) {
-  const std::string data = Text(70000);
-  auto src = Open(Deflate(data, 'g', 9));
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 4096), data);
-  EXPECT_TRUE(src->IsEndOfBuffer());
-}
-
 TEST_P(CompressedSourceTest, EveryCombinationOfOptionalGzipFields) {
   const std::string data = Text(3000);
-  // 300 bytes, so that both bytes of the extra field's length matter.
+  // 300 bytes, so that both bytes of the extra field's length matter; and
+  // every field empty.
   const std::string extra = RandomBytes(300, 3);
-  for (int flags = 0; flags < 32; flags += 2) {
-    SCOPED_TRACE("flags " + std::to_string(flags));
-    auto src = Open(GzipMember(data, flags, extra, "name.txt", "a comment, with \xC3\xA9"));
-    ASSERT_NE(src, nullptr);
-    EXPECT_EQ(ReadAll(*src, 1000), data);
+  for (bool empty : {false, true}) {
+    for (int flags = 0; flags < 32; flags += 2) {
+      SCOPED_TRACE("flags " + std::to_string(flags) + (empty ? " empty" : ""));
+      auto src = empty ? Open(GzipMember(data, flags))
+                       : Open(GzipMember(data, flags, extra, "name.txt", "a comment, \xC3\xA9"));
+      ASSERT_NE(src, nullptr);
+      EXPECT_EQ(ReadAll(*src, 1000), data);
+    }
   }
-}
-
-TEST_P(CompressedSourceTest, EmptyFieldsInTheGzipHeader) {
-  const std::string data = "tiny";
-  auto src = Open(GzipMember(data, FEXTRA | FNAME | FCOMMENT | FHCRC, "", "", ""));
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 10), data);
 }
 
 TEST_P(CompressedSourceTest, GzipTrailerIsNotChecked) {
@@ -207,15 +179,6 @@ TEST_P(CompressedSourceTest, OnlyTheFirstGzipMemberIsRead) {
   ASSERT_NE(src, nullptr);
   EXPECT_EQ(ReadAll(*src, 100), "first");
   EXPECT_TRUE(src->IsEndOfBuffer());
-}
-
-TEST_P(CompressedSourceTest, EmptyStream) {
-  auto src = Open(Deflate("", 'z'));
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(src->GetByte(), -1);
-  EXPECT_TRUE(src->IsEndOfBuffer());
-  std::byte b[4];
-  EXPECT_EQ(src->GetBytes(b, 4), 0u);
 }
 
 TEST_P(CompressedSourceTest, LargeStreamReadInPiecesOfEverySize) {
@@ -244,42 +207,24 @@ TEST_P(CompressedSourceTest, ByteReadsMatchBlockReads) {
   EXPECT_TRUE(src->IsEndOfBuffer());
 }
 
-TEST_P(CompressedSourceTest, MadeByTheUnderlyingSource) {
-  const std::string data = Text(1000);
-  const std::string gz = GzipMember(data, FNAME, "", "inner.txt");
-  ASSERT_NE(Open("PREFIX" + gz), nullptr);  // only for `under`
-  ASSERT_EQ(under->Seek(6, DataSource::DS_SEEK_SET), 0);
-  auto src = under->CompressedDataSourceFromThis(0);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 100), data);
-}
-
 // ---- the compressed-length limit and damaged streams ------------------------------------
 
-TEST_P(CompressedSourceTest, LimitStopsBeforeTrailingBytes) {
-  const std::string data = Text(20000);
-  const std::string z = Deflate(data, 'z');
-  const std::string trailing = RandomBytes(1000, 9);
-  auto src = Open(z + trailing, z.size());
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 512), data);
-  EXPECT_TRUE(src->IsEndOfBuffer());
-}
-
-TEST_P(CompressedSourceTest, LimitInsideTheStreamEndsItThere) {
-  // The stream is cut by the limit, not by the data: what follows must not be
-  // fed to inflate, or it would be inflated as garbage or fail.
+TEST_P(CompressedSourceTest, LimitEndsTheStream) {
+  // Bytes past the limit must not be fed to inflate, or they would be
+  // inflated as garbage or fail: at the end of the stream and inside it.
   const std::string data = Text(200000);
   const std::string z = Deflate(data, 'z');
-  const uint64_t n = z.size() / 2;
-  auto src = Open(z + RandomBytes(100000, 11), n);
-  ASSERT_NE(src, nullptr);
-  std::string got;
-  ASSERT_NO_THROW(got = ReadAll(*src, 4096));
-  EXPECT_GT(got.size(), 0u);
-  EXPECT_LT(got.size(), data.size());
-  EXPECT_TRUE(got == data.substr(0, got.size()));
-  EXPECT_TRUE(src->IsEndOfBuffer());
+  for (uint64_t n : {uint64_t{z.size()}, uint64_t{z.size() / 2}}) {
+    SCOPED_TRACE("limit " + std::to_string(n));
+    auto src = Open(z + RandomBytes(100000, 11), n);
+    ASSERT_NE(src, nullptr);
+    std::string got;
+    ASSERT_NO_THROW(got = ReadAll(*src, 4096));
+    EXPECT_TRUE(got == (n == z.size() ? data : data.substr(0, got.size())));
+    EXPECT_GT(got.size(), n == z.size() ? data.size() - 1 : 0u);
+    if (n < z.size()) EXPECT_LT(got.size(), data.size());
+    EXPECT_TRUE(src->IsEndOfBuffer());
+  }
 }
 
 TEST_P(CompressedSourceTest, TruncatedStreamEndsWithWhatCouldBeInflated) {
@@ -298,36 +243,25 @@ TEST_P(CompressedSourceTest, TruncatedStreamEndsWithWhatCouldBeInflated) {
   }
 }
 
-TEST_P(CompressedSourceTest, CorruptDeflateDataThrowsFromReads) {
-  {
-    auto src = Open("\x78\x9C" + kBadBlock);  // a good zlib header
+TEST_P(CompressedSourceTest, CorruptStreamsThrowFromReads) {
+  std::string badSum = Deflate(Text(5000), 'z');
+  badSum.back() = static_cast<char>(badSum.back() ^ 1);  // the Adler-32 at the end
+  const std::string cases[] = {
+      "\x78\x9C" + kBadBlock,                 // a good zlib header
+      GzipHeader(0, "", "", "") + kBadBlock,  // a good gzip header
+      badSum,
+      // A raw deflate stream's first byte never has compression method 8 in
+      // its low nibble; Create cannot tell, inflate can.
+      Deflate(Text(1000), 'r'),
+  };
+  for (const std::string& bytes : cases) {
+    auto src = Open(bytes);
     ASSERT_NE(src, nullptr);
-    std::byte b[16];
-    EXPECT_THROW(src->GetBytes(b, 16), UnrecognizedCompressedFormat);
+    EXPECT_THROW(ReadAll(*src, 1000), UnrecognizedCompressedFormat);
   }
-  {
-    auto src = Open(GzipHeader(0, "", "", "") + kBadBlock);
-    ASSERT_NE(src, nullptr);
-    EXPECT_THROW(src->GetByte(), UnrecognizedCompressedFormat);
-  }
-}
-
-TEST_P(CompressedSourceTest, WrongZlibChecksumThrows) {
-  const std::string data = Text(5000);
-  std::string z = Deflate(data, 'z');
-  z.back() = static_cast<char>(z.back() ^ 1);  // the Adler-32 at the end
-  auto src = Open(z);
-  ASSERT_NE(src, nullptr);
-  EXPECT_THROW(ReadAll(*src, 1000), UnrecognizedCompressedFormat);
-}
-
-TEST_P(CompressedSourceTest, RawDeflateIsNotRecognised) {
-  // A raw deflate stream's first byte never has compression method 8 in its
-  // low nibble, so it is not a zlib header; Create cannot tell, inflate can.
-  auto src = Open(Deflate(Text(1000), 'r'));
-  ASSERT_NE(src, nullptr);
-  std::byte b[16];
-  EXPECT_THROW(src->GetBytes(b, 16), UnrecognizedCompressedFormat);
+  auto src = Open(cases[0]);
+  EXPECT_THROW(src->GetByte(), UnrecognizedCompressedFormat);
+  EXPECT_STREQ(UnrecognizedCompressedFormat().what(), "Unrecognized Compressed Format.");
 }
 
 TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
@@ -346,10 +280,6 @@ TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
     SCOPED_TRACE("header of " + std::to_string(bytes.size()) + " bytes");
     EXPECT_THROW(Open(bytes), UnrecognizedCompressedFormat);
   }
-}
-
-TEST(UnrecognizedCompressedFormat, Message) {
-  EXPECT_STREQ(UnrecognizedCompressedFormat().what(), "Unrecognized Compressed Format.");
 }
 
 TEST(CompressedInMemoryDataSource, HeaderRunningPastTheEndThrowsFromCreate) {
@@ -436,8 +366,7 @@ TEST_P(CompressedSourceTest, SeekAnywhereInAFullyInflatedStream) {
   ASSERT_EQ(ReadAll(*src, 1 << 20).size(), size);
 
   for (uint64_t at :
-       {uint64_t{0}, uint64_t{1}, uint64_t{4095}, uint64_t{4096}, uint64_t{65535}, uint64_t{65536},
-        uint64_t{65537}, uint64_t{196607}, uint64_t{196608}, size / 3, size / 2, size - 1}) {
+       {uint64_t{0}, uint64_t{65535}, uint64_t{65536}, uint64_t{196608}, size / 2, size - 1}) {
     SCOPED_TRACE("offset " + std::to_string(at));
     ASSERT_EQ(src->Seek(static_cast<int64_t>(at), DataSource::DS_SEEK_SET), 0);
     EXPECT_EQ(src->GetOffset(), at);
@@ -457,7 +386,7 @@ TEST_P(CompressedSourceTest, SeekAnywhereInAFullyInflatedStream) {
 
 // ---- properties --------------------------------------------------------------------------
 
-TEST_P(CompressedSourceTest, SizesAreUnknown) {
+TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
   auto src = Open(Deflate(Text(1000), 'z'));
   ASSERT_NE(src, nullptr);
   EXPECT_EQ(src->GetFileSize(), 0u);
@@ -467,43 +396,13 @@ TEST_P(CompressedSourceTest, SizesAreUnknown) {
   EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
   // The whole-content copy goes by GetFileSize, so it is empty.
   EXPECT_EQ(src->ExtractBuffer()->GetSize(), 0u);
-}
-
-TEST_P(CompressedSourceTest, NeitherClonedNorNested) {
-  auto src = Open(Deflate(Text(1000), 'z'));
-  ASSERT_NE(src, nullptr);
   EXPECT_EQ(src->Clone(), nullptr);
   EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
-  EXPECT_EQ(src->CompressedDataSourceFromThis(10), nullptr);
-}
-
-TEST_P(CompressedSourceTest, TempFlagIsTheUnderlyingSourcesFlag) {
-  auto src = Open(Deflate(Text(1000), 'z'));
-  ASSERT_NE(src, nullptr);
-  EXPECT_FALSE(src->IsTempFile());
+  // The temporary flag is the underlying source's.
   under->SetIsTempFile(true);
   EXPECT_TRUE(src->IsTempFile());
   src->SetIsTempFile(false);
   EXPECT_FALSE(under->IsTempFile());
-}
-
-TEST_P(CompressedSourceTest, TimeStampIsTheUnderlyingSourcesTimeStamp) {
-  const std::string z = Deflate(Text(1000), 'z');
-  if (GetParam() == Kind::File) {
-    const std::string path = dir.File("stamped.z");
-    WriteFile(path, z);
-    const std::chrono::sys_seconds when{std::chrono::seconds{1609459200}};
-    fs::last_write_time(fs::u8path(path), std::chrono::file_clock::from_sys(when));
-    auto src = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
-    EXPECT_EQ(src->GetTimeStamp(), "1609459200");
-  } else {
-    auto memory = InMemoryDataSource::Create(std::string(z), false);
-    memory->SetTimeStamp("version 7");
-    auto src = CompressedInMemoryDataSource::Create(memory, 0);
-    EXPECT_EQ(src->GetTimeStamp(), "version 7");
-    memory->SetTimeStamp("version 8");
-    EXPECT_EQ(src->GetTimeStamp(), "version 8");
-  }
 }
 
 TEST_P(CompressedSourceTest, CompressedOffsetOfAZlibStream) {
@@ -547,16 +446,6 @@ TEST_P(CompressedSourceTest, CompressedOffsetStartsAfterTheGzipHeader) {
   EXPECT_LE(end, gz.size() - 8);  // the trailer is not inflated
 }
 
-TEST(CompressedInMemoryDataSource, LeavesTheUnderlyingPositionAtTheData) {
-  const std::string data = Text(1000);
-  auto memory = InMemoryDataSource::Create("HEAD" + Deflate(data, 'z'), false);
-  ASSERT_EQ(memory->Seek(4, DataSource::DS_SEEK_SET), 0);
-  auto src = memory->CompressedDataSourceFromThis(0);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 100), data);
-  EXPECT_EQ(memory->GetOffset(), 4u);
-}
-
 // ---- data from independent tools ------------------------------------------------------------
 
 class GzipToolTest : public testing::Test {
@@ -593,37 +482,17 @@ protected:
   TempDir dir;
 };
 
-TEST_F(GzipToolTest, WithoutName) {
+TEST_F(GzipToolTest, WithAndWithoutName) {
   const std::string data = Text(100000);
-  const std::string path = Gzip(data, "plain.txt", "-n");
-  const std::string gz = ReadFile(path);
-  ASSERT_GE(gz.size(), 18u);
-  EXPECT_EQ(gz[3] & FNAME, 0);
-  ExpectBothKindsRead(path, data, 10);
-}
-
-TEST_F(GzipToolTest, WithName) {
-  const std::string data = Text(100000);
+  ExpectBothKindsRead(Gzip(data, "plain.txt", "-n"), data, 10);
   const std::string path = Gzip(data, "named-file.txt", "-N -9");
-  const std::string gz = ReadFile(path);
-  ASSERT_GE(gz.size(), 18u);
-  EXPECT_NE(gz[3] & FNAME, 0);
-  EXPECT_EQ(gz.substr(10, 15), std::string("named-file.txt\0", 15));
+  EXPECT_EQ(ReadFile(path).substr(10, 15), std::string("named-file.txt\0", 15));
   ExpectBothKindsRead(path, data, 10 + 15);
 }
 
-TEST_F(GzipToolTest, LargeMixedDataInPiecesOfEverySize) {
+TEST_F(GzipToolTest, LargeMixedData) {
   const std::string data = Mixed(5 * 1000 * 1000);
-  const std::string path = Gzip(data, "large.bin", "-n");
-  const std::string gz = ReadFile(path);
-  for (uint64_t step : {uint64_t{100}, uint64_t{65535}, uint64_t{1} << 20}) {
-    SCOPED_TRACE("step " + std::to_string(step));
-    auto file = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
-    EXPECT_TRUE(ReadAll(*file, step) == data);
-    auto memory =
-        CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(gz), false), 0);
-    EXPECT_TRUE(ReadAll(*memory, step) == data);
-  }
+  ExpectBothKindsRead(Gzip(data, "large.bin", "-n"), data, 10);
 }
 
 TEST_F(GzipToolTest, TruncatedFile) {

@@ -5,7 +5,6 @@
 // source_kinds.h), since memory is read on a separate fast road.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -102,44 +101,20 @@ TYPED_TEST(DataStreamAllKinds, ArrayReadsFollowTheRules) {
       DataStream s = this->Make(bytes);
       if (swapped) s.SetSrcEndianess(BigEndian);
       Feed feed{bytes, TypeParam::kCap};
-      for (uint64_t count : {1, 3, 0, 2, 100, 1}) {
+      int round = 0;
+      for (uint64_t count : {1, 3, 0, 1, 2, 100, 1}) {
         std::vector<T> got(count + 1), want(count + 1);
         std::memset(got.data(), 0xA5, got.size() * sizeof(T));
         std::memset(want.data(), 0xA5, want.size() * sizeof(T));
         const bool wantOk = Expected(feed, swapped, sizeof(T),
                                      reinterpret_cast<unsigned char*>(want.data()), count);
-        const bool ok = s.Read(got.data(), count);
+        // A single element goes through the scalar form now and then.
+        const bool ok = count == 1 && round++ % 2 == 1 ? s.Read(got[0]) : s.Read(got.data(), count);
         EXPECT_EQ(ok, wantOk) << "count " << count;
         EXPECT_EQ(std::memcmp(got.data(), want.data(), got.size() * sizeof(T)), 0)
             << "count " << count;
         EXPECT_EQ(s.GetBytesRead(), feed.pos) << "count " << count;
         if (s.GetBytesRead() != feed.pos) break;  // the rest would differ as well
-      }
-    }
-  });
-}
-
-TYPED_TEST(DataStreamAllKinds, ScalarReadsFollowTheRules) {
-  const std::string bytes = RandomBytes(21, 5);
-  ForEachType<char, unsigned char, short, unsigned short, int, unsigned int, float, double, int64_t,
-              uint64_t>([&](auto tag) {
-    using T = typename decltype(tag)::type;
-    for (bool swapped : {false, true}) {
-      SCOPED_TRACE(::testing::Message() << "width " << sizeof(T) << " swapped " << swapped);
-      DataStream s = this->Make(bytes);
-      s.SetSrcEndianess(swapped ? BigEndian : LittleEndian);
-      EXPECT_EQ(s.IsBigEndian(), swapped);
-      EXPECT_EQ(s.IsLittleEndian(), !swapped);
-      Feed feed{bytes, TypeParam::kCap};
-      for (int i = 0; i < 23; ++i) {
-        T got, want;
-        std::memset(&got, 0x5A, sizeof(T));
-        std::memset(&want, 0x5A, sizeof(T));
-        const bool wantOk =
-            Expected(feed, swapped, sizeof(T), reinterpret_cast<unsigned char*>(&want), 1);
-        EXPECT_EQ(s.Read(got), wantOk) << "read " << i;
-        EXPECT_EQ(std::memcmp(&got, &want, sizeof(T)), 0) << "read " << i;
-        EXPECT_EQ(s.GetBytesRead(), feed.pos);
       }
     }
   });
@@ -180,93 +155,35 @@ TEST(DataStreamShortReads, OtherOrderAsksForEachElement) {
 
 TYPED_TEST(DataStreamFullKinds, KnownValuesInBothByteOrders) {
   const std::string big =
-      "A\xF0\xFF\xFE\x01\x02\x00\x00\x01\x02\xFF\xFF\xFF\xFE\x3F\xC0\x00\x00"
-      "\xC0\x02\x00\x00\x00\x00\x00\x00\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFD"
-      "\x01\x02\x03\x04\x05\x06\x07\x08"s;
+      "\xFF\xFE\xFF\xFF\xFF\xFE\x3F\xC0\x00\x00\xC0\x02\x00\x00\x00\x00\x00\x00"
+      "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFD"s;
   const std::string little =
-      "A\xF0\xFE\xFF\x02\x01\x02\x01\x00\x00\xFE\xFF\xFF\xFF\x00\x00\xC0\x3F"
-      "\x00\x00\x00\x00\x00\x00\x02\xC0\xFD\xFF\xFF\xFF\xFF\xFF\xFF\xFF"
-      "\x08\x07\x06\x05\x04\x03\x02\x01"s;
+      "\xFE\xFF\xFE\xFF\xFF\xFF\x00\x00\xC0\x3F\x00\x00\x00\x00\x00\x00\x02\xC0"
+      "\xFD\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s;
   for (const std::string* bytes : {&big, &little}) {
     DataStream s = this->Make(*bytes);
     if (bytes == &big) s.SetSrcEndianess(BigEndian);
-    char c = 0;
-    unsigned char uc = 0;
     short sh = 0;
-    unsigned short us = 0;
-    int i = 0;
     unsigned int ui = 0;
     float f = 0;
     double d = 0;
     int64_t i64 = 0;
-    uint64_t u64 = 0;
-    ASSERT_TRUE(s.Read(c) && s.Read(uc) && s.Read(sh) && s.Read(us) && s.Read(i) && s.Read(ui) &&
-                s.Read(f) && s.Read(d) && s.Read(i64) && s.Read(u64));
-    EXPECT_EQ(c, 'A');
-    EXPECT_EQ(uc, 240);
+    ASSERT_TRUE(s.Read(sh) && s.Read(ui) && s.Read(f) && s.Read(d) && s.Read(i64));
     EXPECT_EQ(sh, -2);
-    EXPECT_EQ(us, 258);
-    EXPECT_EQ(i, 258);
     EXPECT_EQ(ui, 4294967294u);
     EXPECT_EQ(f, 1.5f);
     EXPECT_EQ(d, -2.25);
     EXPECT_EQ(i64, -3);
-    EXPECT_EQ(u64, 0x0102030405060708u);
-    EXPECT_EQ(s.GetBytesRead(), 42u);
-    EXPECT_FALSE(s.Read(c));
-  }
-  // The big-endian int 258 read as if it were in host order.
-  DataStream s = this->Make("\x00\x00\x01\x02"s);
-  int i = 0;
-  EXPECT_TRUE(s.Read(i));
-  EXPECT_EQ(i, 33619968);
-}
-
-TYPED_TEST(DataStreamFullKinds, ShortReadsAtTheEnd) {
-  {  // Host order: any byte is success; the rest of the value stays.
-    DataStream s = this->Make("\x01\x02\x03\x04\x05"s);
-    int values[2] = {0x7F7F7F7F, 0x7F7F7F7F};
-    EXPECT_TRUE(s.Read(values, 2));
-    EXPECT_EQ(values[0], 0x04030201);
-    EXPECT_EQ(values[1], 0x7F7F7F05);
-    EXPECT_EQ(s.GetBytesRead(), 5u);
-    EXPECT_FALSE(s.Read(values, 1));
-    EXPECT_EQ(values[0], 0x04030201);
-    EXPECT_FALSE(s.Read(values, 0));
-  }
-  {  // Other order: the partial element is zero-padded, then reversed.
-    DataStream s = this->Make("\x00\x01\x00\x02\xFF\xFF\x07"s);
-    s.SetSrcEndianess(BigEndian);
-    short values[3] = {9, 9, 9};
-    EXPECT_TRUE(s.Read(values, 0));
-    EXPECT_TRUE(s.Read(values, 3));
-    EXPECT_EQ(values[0], 1);
-    EXPECT_EQ(values[1], 2);
-    EXPECT_EQ(values[2], -1);
-    values[0] = values[1] = 9;
-    EXPECT_FALSE(s.Read(values, 2));
-    EXPECT_EQ(values[0], 0x0700);
-    EXPECT_EQ(values[1], 9);
-    EXPECT_EQ(s.GetBytesRead(), 7u);
-  }
-  {
-    DataStream s = this->Make("\x01\x02\x03"s);
-    s.SetSrcEndianess(BigEndian);
-    int value = 0;
-    EXPECT_TRUE(s.Read(value));
-    EXPECT_EQ(value, 0x01020300);
-    EXPECT_FALSE(s.Read(value));
-    EXPECT_EQ(value, 0x01020300);
+    EXPECT_EQ(s.GetBytesRead(), 26u);
   }
 }
 
 // Values are laid out byte by byte with shifts, so the reference does not
 // depend on the stream's own swapping.
 TYPED_TEST(DataStreamFullKinds, LargeArraysInTheOtherOrder) {
-  constexpr size_t kInts = 1000000, kShorts = 300001, kDoubles = 100000;
+  constexpr size_t kInts = 1000000, kShorts = 300001;
   std::vector<uint32_t> ints(kInts);
   std::vector<uint16_t> shorts(kShorts);
-  std::vector<double> doubles(kDoubles);
   uint64_t x = 88172645463325252u;
   auto next = [&x] {
     x ^= x << 13;
@@ -280,37 +197,17 @@ TYPED_TEST(DataStreamFullKinds, LargeArraysInTheOtherOrder) {
   };
   for (auto& v : ints) putBig(v = static_cast<uint32_t>(next()), 4);
   for (auto& v : shorts) putBig(v = static_cast<uint16_t>(next()), 2);
-  for (auto& v : doubles) {
-    v = static_cast<double>(next() % 1000000) / 7.0 - 50000.0;
-    putBig(std::bit_cast<uint64_t>(v), 8);
-  }
   DataStream s = this->Make(bytes);
   s.SetSrcEndianess(BigEndian);
   std::vector<uint32_t> gotInts(kInts);
   std::vector<uint16_t> gotShorts(kShorts);
-  std::vector<double> gotDoubles(kDoubles);
   ASSERT_TRUE(s.Read(gotInts.data(), kInts));
   ASSERT_TRUE(s.Read(gotShorts.data(), kShorts));
-  ASSERT_TRUE(s.Read(gotDoubles.data(), kDoubles));
   EXPECT_EQ(gotInts, ints);
   EXPECT_EQ(gotShorts, shorts);
-  EXPECT_EQ(gotDoubles, doubles);
   EXPECT_EQ(s.GetBytesRead(), bytes.size());
   uint32_t more = 0;
   EXPECT_FALSE(s.Read(&more, 1));
-}
-
-TYPED_TEST(DataStreamFullKinds, LargeArrayInHostOrder) {
-  std::vector<uint64_t> values(250001);
-  std::string bytes;
-  for (size_t i = 0; i < values.size(); ++i) {
-    values[i] = i * 0x9E3779B97F4A7C15u;
-    for (int b = 0; b < 8; ++b) bytes.push_back(static_cast<char>(values[i] >> (8 * b)));
-  }
-  DataStream s = this->Make(bytes);
-  std::vector<uint64_t> got(values.size());
-  ASSERT_TRUE(s.Read(got.data(), got.size()));
-  EXPECT_EQ(got, values);
 }
 
 // ---- line reads -------------------------------------------------------------
@@ -367,18 +264,6 @@ TYPED_TEST(DataStreamAllKinds, LinesEndAtEveryLineEnd) {
     EXPECT_EQ(line, "untouched");
     EXPECT_EQ(s.GetBytesRead(), c.bytes.size());
   }
-}
-
-TYPED_TEST(DataStreamAllKinds, ByteAfterCarriageReturnIsGivenBack) {
-  DataStream s = this->Make("ab\rxy\n\r");
-  std::string line;
-  ASSERT_TRUE(s.Read(&line));
-  EXPECT_EQ(line, "ab");
-  EXPECT_EQ(s.GetBytesRead(), 3u);
-  EXPECT_EQ(s.GetPosition(), 3u);
-  ASSERT_TRUE(s.Read(&line));
-  EXPECT_EQ(line, "xy");
-  EXPECT_EQ(s.GetPosition(), 7u);
 }
 
 // ---- positions, skips, raw reads --------------------------------------------
@@ -472,30 +357,18 @@ TYPED_TEST(DataStreamAllKinds, CopiesShareThePositionAndMovesCarryOn) {
   ASSERT_TRUE(a.Read(c) && a.Read(c));
   DataStream b = a;
   EXPECT_TRUE(b.IsBigEndian());
-  EXPECT_EQ(b.GetBytesRead(), 2u);
   ASSERT_TRUE(b.Read(c) && b.Read(c) && b.Read(c));
-  EXPECT_EQ(c, '4');
   ASSERT_TRUE(a.Read(c));
   EXPECT_EQ(c, '5');  // the copy moved the shared position
   EXPECT_EQ(a.GetBytesRead(), 3u);
   EXPECT_EQ(b.GetBytesRead(), 5u);
 
-  DataStream assigned = this->Make("zz");
-  assigned = b;
-  ASSERT_TRUE(assigned.Read(c));
-  EXPECT_EQ(c, '6');
-  EXPECT_EQ(assigned.GetBytesRead(), 6u);
-
-  DataStream moved(std::move(a));
-  ASSERT_TRUE(moved.Read(c));
-  EXPECT_EQ(c, '7');
-  EXPECT_EQ(moved.GetBytesRead(), 4u);
-  EXPECT_TRUE(moved.IsBigEndian());
   DataStream target = this->Make("zz");
-  target = std::move(moved);
+  target = std::move(a);
   ASSERT_TRUE(target.Read(c));
-  EXPECT_EQ(c, '8');
-  EXPECT_EQ(target.GetBytesRead(), 5u);
+  EXPECT_EQ(c, '6');
+  EXPECT_EQ(target.GetBytesRead(), 4u);
+  EXPECT_TRUE(target.IsBigEndian());
 }
 
 // ---- progress ---------------------------------------------------------------
@@ -569,37 +442,9 @@ TEST(DataStreamCompressedSection, GzipInsideAFile) {
   EXPECT_EQ(Text(s, 3), "abc");
 }
 
-// Only the first half of the compressed bytes is fed: inflation ends early
-// with a prefix of the text, and that is not an error.
-TEST(DataStreamCompressedSection, LengthLimitsTheInput) {
-  const std::string text = RandomBytes(100000, 21);
-  const std::string z = Deflate(text, 'z');
-  DataStream s(InMemoryDataSource::Create(std::string(z), false));
-  ASSERT_TRUE(s.StartCompressedSection(z.size() / 2));
-  std::string got(text.size(), '\0');
-  EXPECT_TRUE(s.Read(got.data(), got.size()));
-  const uint64_t n = s.GetBytesRead();
-  EXPECT_GT(n, 0u);
-  EXPECT_LT(n, text.size());
-  EXPECT_TRUE(got.compare(0, n, text, 0, n) == 0);
-  EXPECT_TRUE(s.IsEOF());
-}
-
-TEST(DataStreamCompressedSection, SecondStartReplacesTheFirst) {
-  const std::string text = "0123456789abcdefghij";
-  DataStream s(InMemoryDataSource::Create(Deflate(text, 'z'), false));
-  ASSERT_TRUE(s.StartCompressedSection());
-  EXPECT_EQ(Text(s, 5), "01234");
-  auto first = s.ActiveDataSource();
-  // The main source still stands at the start of the zlib data, so the new
-  // view inflates it again from the beginning.
-  ASSERT_TRUE(s.StartCompressedSection());
-  EXPECT_NE(s.ActiveDataSource(), first);
-  EXPECT_EQ(s.GetPosition(), 0u);
-  EXPECT_EQ(Text(s, 5), "01234");
-}
-
-TEST(DataStreamCompressedSection, EndWithoutASectionIsHarmless) {
+TEST(DataStreamCompressedSection, NoSectionToStartOrEnd) {
+  DataStream bad(InMemoryDataSource::Create(std::string("x"), false));
+  EXPECT_THROW(bad.StartCompressedSection(), UnrecognizedCompressedFormat);
   DataStream s(InMemoryDataSource::Create(std::string("abc"), false));
   EXPECT_EQ(Text(s, 1), "a");
   EXPECT_TRUE(s.EndCompressedSection());
@@ -634,11 +479,6 @@ TEST(DataStreamCompressedSection, UserDerivedMemorySourceHasACompressedView) {
   EXPECT_EQ(line, "lines");
   ASSERT_TRUE(s.Read(&line));
   EXPECT_EQ(line, "of text");
-}
-
-TEST(DataStreamCompressedSection, BadHeaderThrows) {
-  DataStream s(InMemoryDataSource::Create(std::string("x"), false));
-  EXPECT_THROW(s.StartCompressedSection(), UnrecognizedCompressedFormat);
 }
 
 TEST(DataStreamCompressedSection, ProgressFollowsTheCompressedBytes) {

@@ -58,26 +58,18 @@ TEST_F(FileDataSourceTest, CreateDoesNotOpenTheFile) {
   ASSERT_NE(src, nullptr);
   EXPECT_EQ(src->GetFileName(), path);
   EXPECT_FALSE(src->IsHoldingSystemResources());
-  EXPECT_FALSE(src->IsTempFile());
-  EXPECT_EQ(src->GetByte(), '0');
+  EXPECT_EQ(src->GetFileSize(), 10u);
+  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
+  WriteFile(path, "changed");  // what is read is what is there at first use
+  EXPECT_EQ(src->GetByte(), 'c');
   EXPECT_TRUE(src->IsHoldingSystemResources());
 }
 
-TEST_F(FileDataSourceTest, ContentWrittenAfterCreateIsWhatIsRead) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  WriteFile(path, "changed");
-  EXPECT_EQ(Read(*src, 100), "changed");
-}
-
-TEST(FileDataSourceCreate, EmptyNameGivesNullSilently) {
-  testing::internal::CaptureStderr();
-  auto src = FileDataSource::Create("");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(src, nullptr);
-}
-
 TEST(FileDataSourceCreate, MissingFileGivesNullAndOneLine) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(FileDataSource::Create(""), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // an empty name is silent
+
   TempDir dir;
   const std::string missing = dir.File("missing.bin");
   testing::internal::CaptureStderr();
@@ -128,19 +120,15 @@ TEST_F(FileDataSourceTest, FileDeletedAfterCreateFailsOnFirstUse) {
 TEST_F(FileDataSourceTest, EndIsReportedOnlyAfterAReadFails) {
   auto src = FileDataSource::Create(path);
   ASSERT_NE(src, nullptr);
+  std::byte b{};
+  EXPECT_EQ(src->GetBytes(&b, 0), 0u);
   EXPECT_FALSE(src->IsEndOfBuffer());
   EXPECT_EQ(Read(*src, 10), kTen);
   EXPECT_EQ(src->GetOffset(), 10u);
   EXPECT_FALSE(src->IsEndOfBuffer());  // exactly the last byte read
   EXPECT_EQ(Read(*src, 10), "");
   EXPECT_TRUE(src->IsEndOfBuffer());
-  EXPECT_EQ(src->GetByte(), -1);
-  EXPECT_TRUE(src->IsEndOfBuffer());
-}
-
-TEST_F(FileDataSourceTest, EndIndicatorWithByteReads) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
+  // The same with byte reads.
   ASSERT_EQ(src->Seek(9, DataSource::DS_SEEK_SET), 0);
   EXPECT_EQ(src->GetByte(), '9');
   EXPECT_FALSE(src->IsEndOfBuffer());
@@ -159,15 +147,11 @@ TEST_F(FileDataSourceTest, SuccessfulSeekClearsTheEndIndicator) {
   EXPECT_TRUE(src->IsEndOfBuffer());
   ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_CUR), 0);
   EXPECT_FALSE(src->IsEndOfBuffer());
-}
-
-TEST_F(FileDataSourceTest, ZeroCountReadsNothing) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  std::byte b{};
-  EXPECT_EQ(src->GetBytes(&b, 0), 0u);
-  EXPECT_EQ(src->GetOffset(), 0u);
+  // Giving up the handle clears it as well.
+  EXPECT_EQ(Read(*src, 5), "");
+  src->RelinquishSystemResources();
   EXPECT_FALSE(src->IsEndOfBuffer());
+  EXPECT_EQ(Read(*src, 3), "012");
 }
 
 TEST(FileDataSourceRead, EmptyFile) {
@@ -198,11 +182,7 @@ TEST_F(FileDataSourceTest, SeekOrigins) {
   EXPECT_EQ(src->GetByte(), '9');
   ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_END), 0);
   EXPECT_EQ(src->GetOffset(), 10u);
-}
-
-TEST_F(FileDataSourceTest, SeekPastTheEndIsAllowed) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
+  // Past the end is allowed, and reading there finds the end.
   ASSERT_EQ(src->Seek(100, DataSource::DS_SEEK_SET), 0);
   EXPECT_EQ(src->GetOffset(), 100u);
   EXPECT_EQ(src->GetByte(), -1);
@@ -231,6 +211,10 @@ TEST_F(FileDataSourceTest, RefusedSeeksKeepThePosition) {
 TEST_F(FileDataSourceTest, CloneStartsAtThePositionAndMovesOnItsOwn) {
   auto src = FileDataSource::Create(path);
   ASSERT_NE(src, nullptr);
+  auto unopened = src->Clone();  // starts at zero
+  ASSERT_NE(unopened, nullptr);
+  EXPECT_FALSE(unopened->IsTempFile());
+  EXPECT_EQ(unopened->GetByte(), '0');
   src->SetIsTempFile(true);
   EXPECT_EQ(Read(*src, 4), "0123");
 
@@ -243,16 +227,6 @@ TEST_F(FileDataSourceTest, CloneStartsAtThePositionAndMovesOnItsOwn) {
   EXPECT_EQ(src->GetOffset(), 4u);
   EXPECT_EQ(src->GetByte(), '4');
   EXPECT_EQ(clone->GetByte(), '7');
-}
-
-TEST_F(FileDataSourceTest, CloneOfAnUnopenedSourceStartsAtZero) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  auto clone = src->Clone();
-  ASSERT_NE(clone, nullptr);
-  EXPECT_FALSE(clone->IsTempFile());
-  EXPECT_EQ(clone->GetOffset(), 0u);
-  EXPECT_EQ(clone->GetByte(), '0');
 }
 
 // ---- system resources ------------------------------------------------------------------
@@ -272,24 +246,7 @@ TEST_F(FileDataSourceTest, RelinquishClosesAndTheNextUseReopensAtZero) {
   EXPECT_EQ(src->GetByte(), '0');
 }
 
-TEST_F(FileDataSourceTest, RelinquishClearsTheEndIndicator) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(Read(*src, 20), kTen);
-  EXPECT_TRUE(src->IsEndOfBuffer());
-  src->RelinquishSystemResources();
-  EXPECT_FALSE(src->IsEndOfBuffer());
-  EXPECT_EQ(Read(*src, 3), "012");
-}
-
 // ---- size, time stamp, buffer ------------------------------------------------------------
-
-TEST_F(FileDataSourceTest, Sizes) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(src->GetFileSize(), 10u);
-  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
-}
 
 TEST_F(FileDataSourceTest, TimeStampIsTheModificationTimeInSeconds) {
   SetModificationTime(path, 1609459200);  // 2021-01-01 00:00:00 UTC
@@ -299,6 +256,10 @@ TEST_F(FileDataSourceTest, TimeStampIsTheModificationTimeInSeconds) {
 
   SetModificationTime(path, 86400);  // 1970-01-02, a short number
   EXPECT_EQ(src->GetTimeStamp(), "86400");
+  // Destroying a source marked temporary deletes nothing.
+  src->SetIsTempFile(true);
+  src.reset();
+  EXPECT_TRUE(fs::exists(fs::u8path(path)));
 }
 
 TEST_F(FileDataSourceTest, ExtractBufferCopiesTheWholeFileAndKeepsThePosition) {
@@ -316,21 +277,6 @@ TEST_F(FileDataSourceTest, ExtractBufferCopiesTheWholeFileAndKeepsThePosition) {
   src.reset();
   WriteFile(path, "abcdefghij");
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->GetData()), 10), kTen);
-}
-
-TEST_F(FileDataSourceTest, TempFlagIsOnlyStored) {
-  {
-    auto src = FileDataSource::Create(path);
-    ASSERT_NE(src, nullptr);
-    src->SetIsTempFile(true);
-    EXPECT_TRUE(src->IsTempFile());
-    EXPECT_EQ(src->GetByte(), '0');
-    src->SetIsTempFile(false);
-    EXPECT_FALSE(src->IsTempFile());
-    src->SetIsTempFile(true);
-  }
-  // Destroying a source marked temporary deletes nothing.
-  EXPECT_TRUE(fs::exists(fs::u8path(path)));
 }
 
 // ---- failures after opening (POSIX: an open file can be deleted) -------------------------

@@ -220,16 +220,14 @@ TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
   ASSERT_EQ(reader.ReadBinary(10000), bin.size());
   EXPECT_TRUE(std::string(reinterpret_cast<char*>(reader.GetBinBuffer()), bin.size()) == bin);
   EXPECT_EQ(s.GetBytesRead(), 7 + bin.size());
-}
 
-TYPED_TEST(LineReaderKinds, ReadingGoesOnAfterSeekToBufferStart) {
-  DataStream s = this->Make("l1\nl2\r\nl3");
-  LineReader reader(&s, 0);
-  ASSERT_TRUE(reader.ReadLine());
-  EXPECT_STREQ(reader.GetBuffer(), "l1");
-  EXPECT_TRUE(reader.SeekToBufferStart());
-  EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{"l2", "l3"}));
-  EXPECT_EQ(s.GetBytesRead(), 9u);
+  // Lines go on being read after handing the stream back.
+  DataStream lines = this->Make("l1\nl2\r\nl3");
+  LineReader again(&lines, 0);
+  ASSERT_TRUE(again.ReadLine());
+  EXPECT_TRUE(again.SeekToBufferStart());
+  EXPECT_EQ(ReadAll(again), (std::vector<std::string>{"l2", "l3"}));
+  EXPECT_EQ(lines.GetBytesRead(), 9u);
 }
 
 }  // namespace
