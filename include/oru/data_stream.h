@@ -29,7 +29,8 @@
 //   not stored), or at the end of the data. Bytes are taken as they are.
 //
 // Speed: when the active source is an InMemoryDataSource, reads work on its
-// memory block directly, with no virtual call per value or per byte; array
+// memory block directly, with no virtual call per value or per byte (scalar
+// reads are inline, so a value costs a bounds test and a memcpy); array
 // reads in the other byte order swap in one tight loop, and line reads scan
 // with memchr. The library's file, compressed and sparse sources are read in blocks
 // of up to 4 KiB per call; any other source one element at a time.
@@ -41,8 +42,11 @@
 // concurrently.
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -82,14 +86,14 @@ public:
   bool Read(char& value);
   bool Read(unsigned char& value);
   bool Read(bool& value);
-  bool Read(short& value);
-  bool Read(unsigned short& value);
-  bool Read(int& value);
-  bool Read(unsigned int& value);
-  bool Read(float& value);
-  bool Read(double& value);
-  bool Read(int64_t& value);
-  bool Read(uint64_t& value);
+  bool Read(short& value) { return ReadValue(value); }
+  bool Read(unsigned short& value) { return ReadValue(value); }
+  bool Read(int& value) { return ReadValue(value); }
+  bool Read(unsigned int& value) { return ReadValue(value); }
+  bool Read(float& value) { return ReadValue(value); }
+  bool Read(double& value) { return ReadValue(value); }
+  bool Read(int64_t& value) { return ReadValue(value); }
+  bool Read(uint64_t& value) { return ReadValue(value); }
 
   // Array reads of `count` elements into `values`.
   bool Read(char* values, uint64_t count);
@@ -152,8 +156,32 @@ private:
   // otherwise null and nothing consumed.
   const std::byte* TakeDirect(uint64_t count, uint64_t* got);
   bool ReadByteArray(std::byte* dst, uint64_t count);
+  // Scalar reads are inline: a whole value from an in-memory source is taken
+  // straight from its block in the caller's code; everything else (other
+  // sources, the last few bytes) goes to ReadScalarOutOfLine.
+  template <class T>
+  bool ReadValue(T& value) {
+    constexpr std::size_t width = sizeof(T);
+    if (memory != nullptr && memory->size - memory->offset >= width) {
+      const std::byte* src = memory->data + memory->offset;
+      if (srcEndianess == (std::endian::native == std::endian::little ? LittleEndian : BigEndian)) {
+        std::memcpy(&value, src, width);
+      } else {
+        std::memcpy(&value, SwappedBytes<width>(src).data(), width);
+      }
+      memory->offset += width;
+      bytesRead += width;
+      return true;
+    }
+    return ReadScalarOutOfLine(&value, width);
+  }
   template <std::size_t Width>
-  bool ReadScalar(void* value);
+  static std::array<std::byte, Width> SwappedBytes(const std::byte* src) {
+    std::array<std::byte, Width> out;
+    for (std::size_t i = 0; i < Width; ++i) out[i] = src[Width - 1 - i];
+    return out;
+  }
+  bool ReadScalarOutOfLine(void* value, std::size_t width);
   template <std::size_t Width>
   bool ReadArray(void* values, uint64_t count);
   template <std::size_t Width>

@@ -141,20 +141,15 @@ bool DataStream::ReadByteArray(std::byte* dst, uint64_t count) {
   return GetBytes(dst, count) != 0;
 }
 
-template <std::size_t Width>
-bool DataStream::ReadScalar(void* value) {
-  if (memory != nullptr && memory->size - memory->offset >= Width) {
-    const std::byte* src = memory->data + memory->offset;
-    if (srcEndianess == HostEndianess) {
-      std::memcpy(value, src, Width);
-    } else {
-      SwapElement<Width>(static_cast<std::byte*>(value), src);
-    }
-    memory->offset += Width;
-    bytesRead += Width;
-    return true;
+bool DataStream::ReadScalarOutOfLine(void* value, std::size_t width) {
+  switch (width) {
+    case 2:
+      return ReadArray<2>(value, 1);
+    case 4:
+      return ReadArray<4>(value, 1);
+    default:
+      return ReadArray<8>(value, 1);
   }
-  return ReadArray<Width>(value, 1);
 }
 
 template <std::size_t Width>
@@ -230,30 +225,6 @@ bool DataStream::Read(bool& value) {
   if (!ReadByteArray(&b, 1)) return false;
   value = b != std::byte{0};
   return true;
-}
-bool DataStream::Read(short& value) {
-  return ReadScalar<2>(&value);
-}
-bool DataStream::Read(unsigned short& value) {
-  return ReadScalar<2>(&value);
-}
-bool DataStream::Read(int& value) {
-  return ReadScalar<4>(&value);
-}
-bool DataStream::Read(unsigned int& value) {
-  return ReadScalar<4>(&value);
-}
-bool DataStream::Read(float& value) {
-  return ReadScalar<4>(&value);
-}
-bool DataStream::Read(double& value) {
-  return ReadScalar<8>(&value);
-}
-bool DataStream::Read(int64_t& value) {
-  return ReadScalar<8>(&value);
-}
-bool DataStream::Read(uint64_t& value) {
-  return ReadScalar<8>(&value);
 }
 
 bool DataStream::Read(char* values, uint64_t count) {
