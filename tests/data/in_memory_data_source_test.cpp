@@ -12,16 +12,13 @@
 #include <vector>
 
 #include "oru/data_source.h"
+#include "oru/file_data_source.h"
+#include "support/test_util.h"
 
 namespace oru {
 namespace {
 
-std::string Read(DataSource& src, uint64_t count) {
-  std::string out(static_cast<size_t>(count), '\0');
-  const uint64_t got = src.GetBytes(reinterpret_cast<std::byte*>(out.data()), count);
-  out.resize(static_cast<size_t>(got));
-  return out;
-}
+using test::Read;
 
 std::string Contents(const InMemoryDataSource& src) {
   return std::string(reinterpret_cast<const char*>(src.GetDataBuffer()),
@@ -123,54 +120,68 @@ TEST(InMemoryDataSourceRead, ByteAndBlockReadsInterleaveUpToTheEnd) {
 
 // ---- seeking --------------------------------------------------------------------
 
-TEST(InMemoryDataSourceSeek, EveryOriginAndItsLimits) {
+// Memory stays inside its bytes; a file also goes past its end, and reading
+// there finds the end.
+TEST(SeekRules, EveryOriginAndItsLimitsInMemoryAndInAFile) {
   constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
   constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
   constexpr SeekOrigin SET = DataSource::DS_SEEK_SET, CUR = DataSource::DS_SEEK_CUR,
                        END = DataSource::DS_SEEK_END;
+  constexpr int64_t kSkip = -2;
   struct Case {
     uint64_t from;
     int64_t offset;
     SeekOrigin origin;
-    int64_t to;  // -1: refused, the position stays
+    int64_t memory, file;  // where each ends up; -1: refused, the position stays
   };
   const Case cases[] = {
-      {7, 4, SET, 4},
-      {2, 10, SET, 10},
-      {2, 0, SET, 0},
-      {2, 11, SET, -1},
-      {2, -1, SET, -1},
-      {2, kMin, SET, -1},
-      {2, kMax, SET, -1},
-      {0, 4, CUR, 4},
-      {4, -3, CUR, 1},
-      {2, 8, CUR, 10},
-      {10, 1, CUR, -1},
-      {10, -10, CUR, 0},
-      {0, -1, CUR, -1},
-      {5, -6, CUR, -1},
-      {5, kMin, CUR, -1},
-      {5, kMax, CUR, -1},
-      {0, -3, END, 7},
-      {0, -10, END, 0},
-      {0, 0, END, 10},
-      {2, -11, END, -1},
-      {2, 1, END, -1},
-      {2, kMin, END, -1},
-      {2, kMax, END, -1},
-      {3, 0, SeekOrigin(3), -1},
-      {3, 1, SeekOrigin(-1), -1},
+      {7, 4, SET, 4, 4},
+      {2, 10, SET, 10, 10},
+      {2, 0, SET, 0, 0},
+      {2, 11, SET, -1, 11},
+      {2, 100, SET, -1, 100},
+      {2, -1, SET, -1, -1},
+      {2, kMin, SET, -1, -1},
+      {2, kMax, SET, -1, kSkip},
+      {0, 4, CUR, 4, 4},
+      {4, -3, CUR, 1, 1},
+      {2, 8, CUR, 10, 10},
+      {10, 1, CUR, -1, 11},
+      {10, -10, CUR, 0, 0},
+      {0, -1, CUR, -1, -1},
+      {5, -6, CUR, -1, -1},
+      {5, kMin, CUR, -1, -1},
+      {5, kMax, CUR, -1, kSkip},
+      {0, -3, END, 7, 7},
+      {0, -10, END, 0, 0},
+      {0, 0, END, 10, 10},
+      {2, -11, END, -1, -1},
+      {2, 1, END, -1, 11},
+      {2, kMin, END, -1, -1},
+      {2, kMax, END, -1, kSkip},
+      {3, 0, SeekOrigin(3), -1, -1},
+      {3, 1, SeekOrigin(-1), -1, -1},
   };
-  auto src = InMemoryDataSource::Create(std::string("0123456789"), false);
+  test::TempDir dir;
+  test::WriteFile(dir.File("ten.bin"), "0123456789");
+  const std::shared_ptr<DataSource> sources[] = {
+      InMemoryDataSource::Create(std::string("0123456789"), false),
+      FileDataSource::Create(dir.File("ten.bin"))};
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message()
-                 << "from " << c.from << " offset " << c.offset << " origin " << c.origin);
-    ASSERT_EQ(src->Seek(static_cast<int64_t>(c.from), SET), 0);
-    EXPECT_EQ(src->Seek(c.offset, c.origin), c.to < 0 ? -1 : 0);
-    const uint64_t at = c.to < 0 ? c.from : static_cast<uint64_t>(c.to);
-    EXPECT_EQ(src->GetOffset(), at);
-    EXPECT_EQ(src->IsEndOfBuffer(), at == 10);
-    EXPECT_EQ(src->GetByte(), at < 10 ? '0' + static_cast<int>(at) : -1);
+    for (const auto& src : sources) {
+      const bool file = src == sources[1];
+      const int64_t to = file ? c.file : c.memory;
+      if (to == kSkip) continue;
+      SCOPED_TRACE(testing::Message() << (file ? "file" : "memory") << " from " << c.from
+                                      << " offset " << c.offset << " origin " << c.origin);
+      ASSERT_EQ(src->Seek(static_cast<int64_t>(c.from), SET), 0);
+      EXPECT_EQ(src->Seek(c.offset, c.origin) == 0, to >= 0);
+      const uint64_t at = to < 0 ? c.from : static_cast<uint64_t>(to);
+      EXPECT_EQ(src->GetOffset(), at);
+      if (!file) EXPECT_EQ(src->IsEndOfBuffer(), at == 10);
+      EXPECT_EQ(src->GetByte(), at < 10 ? '0' + static_cast<int>(at) : -1);
+      if (file) EXPECT_EQ(src->IsEndOfBuffer(), at >= 10);
+    }
   }
 }
 

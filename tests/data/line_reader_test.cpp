@@ -61,7 +61,6 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
       "\xFF\xFE"
       "a\0\r\0b\0\n\0\n\0\x2D\x4E\x3D\xD8\x00\xDE"s;  // a CR b, "", U+4E2D U+1F600
   const Case cases[] = {
-      {"plain", "one\ntwo\n", {"one", "two"}},
       {"CRLF, no final end", "a\r\nb", {"a", "b"}},
       {"empty lines", "\n\n", {"", ""}},
       {"lone CR stays", "a\rb\r\nc\r", {"a\rb", "c\r"}},
@@ -77,13 +76,8 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
        {"x",
         "\xEF\xBB\xBF"
         "y"}},
-      {"UTF-16LE",
-       "\xFF\xFE"
-       "a\0\r\0\n\0"s,
-       {"a"}},
       {"UTF-16LE mixed", u16Mixed, {"a\rb", "", "\xE4\xB8\xAD\xF0\x9F\x98\x80"}},
       {"UTF-16BE", "\xFE\xFF\0a\0\r\0\n\0b"s, {"a", "b"}},
-      {"UTF-16 high byte", "\xFF\xFE\x5C\xD5"s, {"\xED\x95\x9C"}},
       // E9 as the low byte is widened to FFE9.
       {"UTF-16LE widening", "\xFF\xFE\xE9\0"s, {"\xEF\xBF\xA9"}},
       {"UTF-16BE widening", "\xFE\xFF\0\xE9"s, {"\xEF\xBF\xA9"}},
@@ -106,6 +100,7 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
     SCOPED_TRACE(c.name);
     DataStream s = this->Make(c.bytes);
     LineReader reader(&s, 0);
+    EXPECT_EQ(reader.GetBuffer(), nullptr);
     EXPECT_EQ(ReadAll(reader), c.lines);
     EXPECT_FALSE(reader.ReadLine());
     EXPECT_EQ(reader.GetBuffer(), nullptr);
@@ -115,17 +110,6 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
 }
 
 TYPED_TEST(LineReaderKinds, BufferHoldsRawBytesOrUnits) {
-  {
-    DataStream s = this->Make(
-        "\xFF\xFE"
-        "a");  // too short for a mark
-    LineReader reader(&s, 0);
-    EXPECT_EQ(reader.GetBuffer(), nullptr);
-    ASSERT_TRUE(reader.ReadLine());
-    EXPECT_STREQ(reader.GetBuffer(),
-                 "\xFF\xFE"
-                 "a");
-  }
   const std::string marked[] = {
       "\xFF\xFE\xE9\0"
       "A\0\r\0\n\0"s,

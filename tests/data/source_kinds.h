@@ -44,22 +44,11 @@ public:
   uint64_t GetOffset() const override { return pos_; }
   int Seek(int64_t offset, SeekOrigin origin) override {
     const auto size = static_cast<int64_t>(bytes_.size());
-    int64_t base;
-    switch (origin) {
-      case DS_SEEK_SET:
-        base = 0;
-        break;
-      case DS_SEEK_CUR:
-        base = static_cast<int64_t>(pos_);
-        break;
-      case DS_SEEK_END:
-        base = size;
-        break;
-      default:
-        return -1;
-    }
-    if (base + offset < 0 || base + offset > size) return -1;
-    pos_ = static_cast<uint64_t>(base + offset);
+    if (origin < DS_SEEK_SET || origin > DS_SEEK_END) return -1;
+    const int64_t base[] = {0, static_cast<int64_t>(pos_), size};
+    const int64_t target = base[origin - DS_SEEK_SET] + offset;
+    if (target < 0 || target > size) return -1;
+    pos_ = static_cast<uint64_t>(target);
     return 0;
   }
   bool IsEndOfBuffer() const override { return pos_ == bytes_.size(); }

@@ -19,17 +19,9 @@ namespace fs = std::filesystem;
 
 TempDir::TempDir() {
   static std::atomic<unsigned> counter{0};
-  std::random_device rd;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    auto name = "oru_test_" + std::to_string(rd()) + "_" + std::to_string(counter++);
-    auto candidate = fs::temp_directory_path() / name;
-    std::error_code ec;
-    if (fs::create_directory(candidate, ec)) {
-      m_path = candidate;
-      return;
-    }
-  }
-  throw std::runtime_error("cannot create a temporary directory");
+  m_path = fs::temp_directory_path() /
+           ("oru_test_" + std::to_string(std::random_device{}()) + "_" + std::to_string(counter++));
+  if (!fs::create_directory(m_path)) throw std::runtime_error("cannot create " + m_path.string());
 }
 
 TempDir::~TempDir() {
@@ -74,6 +66,18 @@ bool HaveTool(const std::string& tool) {
 #else
   return Run("command -v " + tool + " >/dev/null 2>&1") == 0;
 #endif
+}
+
+std::string Read(DataSource& src, uint64_t count) {
+  std::string out(static_cast<size_t>(count), '\0');
+  out.resize(static_cast<size_t>(src.GetBytes(reinterpret_cast<std::byte*>(out.data()), count)));
+  return out;
+}
+
+std::string ReadAll(DataSource& src, uint64_t step) {
+  std::string out, piece;
+  while (!(piece = Read(src, step)).empty()) out += piece;
+  return out;
 }
 
 std::string RandomBytes(std::size_t n, unsigned seed) {

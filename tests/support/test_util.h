@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "oru/data_source.h"
+
 namespace oru::test {
 
 // A fresh directory under the system temporary directory, removed with
@@ -38,6 +40,11 @@ int Run(const std::string& command);
 // (gzip, python3, zip) skip with a message when it is missing, e.g. under
 // wine, where there is no shell.
 bool HaveTool(const std::string& tool);
+
+// One GetBytes call for up to `count` bytes; everything the source delivers,
+// `step` bytes per call.
+std::string Read(DataSource& src, uint64_t count);
+std::string ReadAll(DataSource& src, uint64_t step);
 
 // Deterministic pseudo-random bytes for test data.
 std::string RandomBytes(std::size_t n, unsigned seed);
