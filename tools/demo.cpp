@@ -1,9 +1,11 @@
 // The liboru demo: the data road from a file on disk to typed reads.
 //
-// It writes a small gzip file with a binary header and a text body, then
-// reads it back through FileDataSource -> compressed section -> DataStream,
-// and finally reads a partly loaded (sparse) source the way a viewer would
-// that fetches byte ranges on demand.
+// It packs a small gzip-compressed model file and a readme into a ZIP archive
+// on disk, then reads it back the way an application does: FileDataSource ->
+// ZipDataStream -> member by "zipdatastream://" URL -> DataStream with a
+// compressed section -> typed reads, and LineReader for the text. Finally it
+// reads a partly loaded (sparse) source the way a viewer would that fetches
+// byte ranges on demand.
 #include <oru/oru.h>
 
 #include <zlib.h>
@@ -36,12 +38,27 @@ std::string MakeModel() {
   return raw;
 }
 
-bool WriteGzip(const std::string& path, const std::string& data) {
-  gzFile f = gzopen(path.c_str(), "wb9");
+// gzip-compresses `data` in memory: the gzip header, then raw deflate and
+// the trailer, all through zlib.
+std::string Gzip(const std::string& data) {
+  z_stream z{};
+  deflateInit2(&z, 9, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+  std::string out(deflateBound(&z, static_cast<uLong>(data.size())) + 32, '\0');
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  z.avail_in = static_cast<uInt>(data.size());
+  z.next_out = reinterpret_cast<Bytef*>(out.data());
+  z.avail_out = static_cast<uInt>(out.size());
+  deflate(&z, Z_FINISH);
+  out.resize(z.total_out);
+  deflateEnd(&z);
+  return out;
+}
+
+bool WriteFile(const std::string& path, const std::string& bytes) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
   if (f == nullptr) return false;
-  const bool ok =
-      gzwrite(f, data.data(), static_cast<unsigned>(data.size())) == static_cast<int>(data.size());
-  return gzclose(f) == Z_OK && ok;
+  const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  return std::fclose(f) == 0 && ok;
 }
 
 }  // namespace
@@ -50,21 +67,42 @@ int main() {
   namespace fs = std::filesystem;
   const fs::path dir = fs::temp_directory_path() / "oru_demo";
   fs::create_directories(dir);
-  const std::string path = (dir / "model.bin.gz").string();
-  if (!WriteGzip(path, MakeModel())) {
+  const std::string path = (dir / "scene.zip").string();
+
+  // 1. Pack the archive in memory and put it on disk.
+  oru::ZipWriter writer;
+  writer.AddFile(oru::InMemoryDataSource::Create(Gzip(MakeModel()), false), "models/cube.bin.gz");
+  writer.AddFile(
+      oru::InMemoryDataSource::Create(
+          std::string("\xEF\xBB\xBFScene of one cube.\r\nMade by the liboru demo.\n"), false),
+      "README.txt");
+  auto archiveBytes = writer.GetDSForBuffer();
+  auto* block = static_cast<oru::InMemoryDataSource*>(archiveBytes.get())->GetDataBuffer();
+  if (!WriteFile(path,
+                 std::string(reinterpret_cast<const char*>(block), archiveBytes->GetFileSize()))) {
     std::cerr << "cannot write " << path << "\n";
     return 1;
   }
 
-  // 1. A file source, opened lazily; the whole file is one gzip stream.
+  // 2. Open it from disk as an archive of members addressed by URL.
   auto file = oru::FileDataSource::Create(path);
   if (!file) return 1;
-  std::cout << "file " << path << ": " << file->GetFileSize() << " bytes on disk\n";
+  auto zip = oru::ZipDataStream::Create(file);
+  std::vector<std::string> members;
+  if (!zip->IsValid() || !zip->ListContents(&members)) return 1;
+  std::cout << "archive " << path << " (" << file->GetFileSize() << " bytes) is "
+            << zip->GetUniqueId() << ":\n";
+  for (const auto& m : members) std::cout << "  " << m << "\n";
 
-  oru::DataStream in(file);
+  const std::string url = zip->GetUniqueId() + "/Models/CUBE.bin.gz";  // any case
+  auto member = oru::ZipDataStream::FindDataSource(url);
+  if (!member) return 1;
+  std::cout << "member " << url << ": " << member->GetFileSize() << " bytes\n";
+
+  // 3. Typed reads: big-endian header and floats inside a gzip section.
+  oru::DataStream in(member);
   in.SetSrcEndianess(oru::BigEndian);
   if (!in.StartCompressedSection()) return 1;
-
   uint32_t magic = 0, count = 0;
   in.Read(magic);
   in.Read(count);
@@ -73,14 +111,17 @@ int main() {
   std::printf("magic %08X, %u vertices:", magic, count);
   for (float v : vertices) std::printf(" %g", v);
   std::printf("\n");
-
   std::string line;
   while (in.Read(&line)) std::cout << "  text: " << line << "\n";
-  std::cout << "inflated " << in.GetBytesRead() << " bytes, progress " << int(in.GetProgress())
-            << "%\n";
+  std::cout << "inflated " << in.GetBytesRead() << " bytes\n";
   in.EndCompressedSection();
 
-  // 2. A sparse source: 1 MiB announced, two ranges loaded so far.
+  // 4. Text lines, with the byte-order mark recognised.
+  oru::DataStream readme(oru::ZipDataStream::FindDataSource(zip->GetUniqueId() + "/readme.txt"));
+  oru::LineReader reader(&readme, 0);
+  while (reader.ReadLine()) std::cout << "  readme: " << reader.GetString() << "\n";
+
+  // 5. A sparse source: 1 MiB announced, two ranges loaded so far.
   auto sparse = oru::SparseDataSource::Create(1 << 20);
   auto head = sparse->AddSection(0, 16);
   std::memcpy(sparse->GetSection(head).data, "HEADER-LOADED...", 16);

@@ -17,4 +17,8 @@
 #include "oru/line_reader.h"
 #include "oru/sparse_data_source.h"
 
+#include "oru/zip_data_stream.h"
+#include "oru/zip_writer.h"
+#include "oru/zipper.h"
+
 #include "oru/encoding.h"

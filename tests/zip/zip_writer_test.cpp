@@ -1,0 +1,199 @@
+// Writing: Zipper's gzip-header-plus-raw-deflate sections and ZipWriter's
+// archives, checked with zlib, Python's zipfile and unzip -t.
+#include <oru/zip_data_stream.h>
+#include <oru/zip_writer.h>
+#include <oru/zipper.h>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "support/test_util.h"
+
+namespace oru::test {
+namespace {
+
+std::string Bytes(const std::shared_ptr<DataSource>& src) {
+  if (!src) return "<null>";
+  std::string out(static_cast<size_t>(src->GetFileSize()), '\0');
+  src->Seek(0, DS_SEEK_SET);
+  src->GetBytes(reinterpret_cast<std::byte*>(out.data()), out.size());
+  return out;
+}
+
+// Inflates raw deflate data; returns the bytes and how much input was used.
+std::string InflateRaw(const std::string& in, size_t* used = nullptr) {
+  z_stream z{};
+  EXPECT_EQ(inflateInit2(&z, -15), Z_OK);
+  std::string out;
+  char buf[65536];
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
+  z.avail_in = static_cast<uInt>(in.size());
+  int rc;
+  do {
+    z.next_out = reinterpret_cast<Bytef*>(buf);
+    z.avail_out = sizeof buf;
+    rc = inflate(&z, Z_NO_FLUSH);
+    out.append(buf, sizeof buf - z.avail_out);
+  } while (rc == Z_OK);
+  EXPECT_EQ(rc, Z_STREAM_END);
+  if (used) *used = in.size() - z.avail_in;
+  inflateEnd(&z);
+  return out;
+}
+
+const std::string GZIP_HEADER("\x1F\x8B\x08\0\0\0\0\0\0\0", 10);
+
+bool Add(Zipper& z, const std::string& s) {
+  return z.AddBytes(reinterpret_cast<const unsigned char*>(s.data()), s.size());
+}
+
+TEST(Zipper, PlainAndCompressedSectionsRoundTrip) {
+  const std::string before = "plain head";
+  const std::string payload = RandomBytes(70000, 5) + std::string(100000, 'z');
+  const std::string after = "plain tail";
+  Zipper z;
+  ASSERT_TRUE(Add(z, before));
+  ASSERT_TRUE(z.StartCompressedSection(6));
+  EXPECT_EQ(z.GetDSForBuffer(), nullptr);  // not while a section is open
+  // Pieces smaller and larger than the 16 KiB staging block.
+  ASSERT_TRUE(Add(z, payload.substr(0, 100)));
+  ASSERT_TRUE(Add(z, payload.substr(100, 40000)));
+  ASSERT_TRUE(Add(z, payload.substr(40100)));
+  ASSERT_TRUE(z.AddBytes(nullptr, 0));
+  ASSERT_TRUE(z.EndCompressedSection());
+  ASSERT_TRUE(Add(z, after));
+
+  const std::string out = Bytes(z.GetDSForBuffer());
+  ASSERT_EQ(out.substr(0, before.size()), before);
+  ASSERT_EQ(out.substr(before.size(), 10), GZIP_HEADER);
+  size_t used = 0;
+  EXPECT_TRUE(InflateRaw(out.substr(before.size() + 10), &used) == payload);
+  EXPECT_EQ(out.substr(before.size() + 10 + used), after);  // no trailer
+  // The writer keeps its blocks and can be asked again.
+  EXPECT_EQ(Bytes(z.GetDSForBuffer()), out);
+}
+
+TEST(Zipper, PythonDecodesTheSectionAfterItsHeader) {
+  if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
+  TempDir dir;
+  const std::string text = "line of text\n";
+  Zipper z;
+  ASSERT_TRUE(z.StartCompressedSection(9));
+  for (int i = 0; i < 5000; ++i) ASSERT_TRUE(Add(z, text));
+  ASSERT_TRUE(z.EndCompressedSection());
+  WriteFile(dir.File("s.bin"), Bytes(z.GetDSForBuffer()));
+  EXPECT_EQ(oru::test::Run("python3 -c \"import zlib,sys\n"
+                           "d=open('" +
+                           dir.File("s.bin") +
+                           "','rb').read()\n"
+                           "assert d[:10]==bytes([0x1f,0x8b,8,0,0,0,0,0,0,0])\n"
+                           "o=zlib.decompressobj(-15).decompress(d[10:])\n"
+                           "sys.exit(0 if o==b'line of text\\n'*5000 else 1)\""),
+            0);
+}
+
+TEST(Zipper, OutOfRangeLevelsMeanTheDefault) {
+  const std::string data = RandomBytes(5000, 6) + std::string(50000, 'q');
+  auto sectionAt = [&](int level) {
+    Zipper z;
+    EXPECT_TRUE(z.StartCompressedSection(level));
+    EXPECT_TRUE(Add(z, data));
+    EXPECT_TRUE(z.EndCompressedSection());
+    return Bytes(z.GetDSForBuffer());
+  };
+  const std::string byDefault = sectionAt(-1);
+  EXPECT_EQ(sectionAt(10), byDefault);
+  EXPECT_EQ(sectionAt(-5), byDefault);
+  EXPECT_NE(sectionAt(1), byDefault);
+  EXPECT_TRUE(InflateRaw(sectionAt(0).substr(10)) == data);
+}
+
+TEST(Zipper, BlockBoundariesAndEmptySections) {
+  Zipper exact;
+  ASSERT_TRUE(Add(exact, std::string(16384, 'x')));
+  EXPECT_EQ(Bytes(exact.GetDSForBuffer()), std::string(16384, 'x'));
+
+  Zipper empty;
+  ASSERT_TRUE(empty.StartCompressedSection(-1));
+  ASSERT_TRUE(empty.EndCompressedSection());
+  EXPECT_EQ(Bytes(empty.GetDSForBuffer()), GZIP_HEADER + std::string("\x03\x00", 2));
+
+  // A section that starts when the current block is exactly full, twice.
+  Zipper full;
+  ASSERT_TRUE(Add(full, std::string(16384 - 10, 'y')));
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(full.StartCompressedSection(6));
+    ASSERT_TRUE(Add(full, std::string(40000, 'w')));
+    ASSERT_TRUE(full.EndCompressedSection());
+  }
+  const std::string out = Bytes(full.GetDSForBuffer());
+  ASSERT_EQ(out.substr(16374, 10), GZIP_HEADER);
+  size_t used = 0;
+  EXPECT_EQ(InflateRaw(out.substr(16384), &used), std::string(40000, 'w'));
+  EXPECT_EQ(out.substr(16384 + used, 10), GZIP_HEADER);
+
+  Zipper none;
+  EXPECT_FALSE(none.EndCompressedSection());  // nothing open
+  EXPECT_EQ(Bytes(none.GetDSForBuffer()), "");
+}
+
+std::shared_ptr<DataSource> Src(const std::string& s) {
+  return InMemoryDataSource::Create(std::string(s), false);
+}
+
+TEST(ZipWriter, ArchivesPassOutsideCheckersAndStoreListedExtensions) {
+  const std::string text(50000, 't');
+  const std::string binary = RandomBytes(20000, 7);
+  ZipWriter writer;
+  ASSERT_TRUE(writer.AddFile(Src(text), "dir/readme.txt"));
+  ASSERT_TRUE(writer.AddFile(Src(binary), "photo.JPG"));
+  ASSERT_TRUE(writer.AddFile(Src("model"), "model"));
+  ASSERT_TRUE(writer.AddFile(Src(""), "empty.png"));
+  const std::string zip = Bytes(writer.GetDSForBuffer());
+  // Whole blocks are handed out: only zeros follow the 22-byte end record.
+  const size_t end = zip.rfind("PK\x05\x06");
+  ASSERT_NE(end, std::string::npos);
+  EXPECT_EQ(zip.find_first_not_of('\0', end + 22), std::string::npos);
+
+  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::string(zip), false));
+  ASSERT_TRUE(archive->IsValid());
+  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("dir/readme.txt")), text);
+  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("photo.jpg")), binary);
+  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("empty.png")), "");
+
+  if (!HaveTool("python3") || !HaveTool("unzip")) GTEST_SKIP() << "needs python3 and unzip";
+  TempDir dir;
+  WriteFile(dir.File("w.zip"), zip);
+  EXPECT_EQ(oru::test::Run("unzip -tq '" + dir.File("w.zip") + "' >/dev/null"), 0);
+  EXPECT_EQ(
+      oru::test::Run("python3 -c \"import zipfile,sys\n"
+                     "z=zipfile.ZipFile('" +
+                     dir.File("w.zip") +
+                     "')\n"
+                     "assert z.testzip() is None\n"
+                     "m={i.filename:i.compress_type for i in z.infolist()}\n"
+                     "sys.exit(0 if m=={'dir/readme.txt':8,'photo.JPG':0,'model':8,'empty.png':0}"
+                     " else 1)\""),
+      0);
+}
+
+TEST(ZipWriter, RefusalsAndStartingOver) {
+  ZipWriter writer;
+  EXPECT_EQ(Bytes(writer.GetDSForBuffer()), "");  // nothing added: empty
+  EXPECT_FALSE(writer.AddFile(nullptr, "a"));
+  EXPECT_FALSE(writer.AddFile(Src("x"), ""));
+  EXPECT_FALSE(writer.AddFile(Src("x"), std::string(65536, 'n')));
+  EXPECT_TRUE(writer.AddFile(Src("x"), std::string(65535, 'n')));
+  const std::string first = Bytes(writer.GetDSForBuffer());
+  ASSERT_TRUE(writer.AddFile(Src("second"), "b.txt"));
+  auto small = writer.GetDSForBuffer();
+  EXPECT_EQ(small->GetFileSize(), 4096u);  // one block for a small archive
+  auto archive = ZipDataStream::Create(small);
+  std::vector<std::string> names;
+  ASSERT_TRUE(archive->ListContents(&names));
+  EXPECT_EQ(names, std::vector<std::string>{"b.txt"});  // a new archive
+  EXPECT_NE(first.find(std::string(100, 'n')), std::string::npos);
+}
+
+}  // namespace
+}  // namespace oru::test
