@@ -18,6 +18,10 @@ TARGETS = {
     "BM_DoubleScalars": None,
     "BM_TextLines": 1.0,
     "BM_InflateGzip": 0.9,
+    "BM_ZipExtractAll": 0.95,
+    "BM_ZipLookup": 1.0,
+    "BM_ZipLookupExact": None,
+    "BM_ZipBuild": 0.9,
 }
 
 PEERS = {
@@ -25,6 +29,10 @@ PEERS = {
     "BM_DoubleScalars": "memcpy per double",
     "BM_TextLines": "std::getline on istringstream",
     "BM_InflateGzip": "one zlib inflate call",
+    "BM_ZipExtractAll": "libzip zip_fopen_index + zip_fread",
+    "BM_ZipLookup": "libzip zip_name_locate(NOCASE) + read",
+    "BM_ZipLookupExact": "libzip zip_name_locate (exact) + read",
+    "BM_ZipBuild": "libzip zip_file_add into a buffer source",
 }
 
 
