@@ -24,7 +24,9 @@
 //   entries that could be read are found and the rest are misses (null);
 // - a member whose data is corrupt or cut short: a source of the declared
 //   size whose unread tail is zero;
-// - a declared size that cannot be allocated: null;
+// - a declared size that cannot be allocated, or that the member's
+//   compressed bytes could never produce (more than they hold when stored,
+//   more than 1032 times when deflated): null;
 // - duplicate names: the first entry of the name wins;
 // - names longer than 2048 bytes: known by their first 2048 bytes;
 // - a source that fails or throws mid-read: the read counts as an error.

@@ -22,6 +22,7 @@ constexpr char URL_PREFIX[] = "zipdatastream://";
 constexpr size_t URL_PREFIX_LENGTH = sizeof(URL_PREFIX) - 1;
 constexpr char DISPLAY_PREFIX[] = "_qd_zip://";
 constexpr uLong NAME_BUFFER = 2048;
+constexpr uint64_t MAX_DEFLATE_RATIO = 1032;
 // Any non-null value: the source is already open, minizip only needs a handle.
 void* const OPEN_TOKEN = reinterpret_cast<void*>(1);
 
@@ -156,13 +157,28 @@ struct ZipDataStream::Unzipper {
     return false;
   }
 
+  // A declared size that the member's compressed bytes could never produce
+  // (deflate expands at most 1032 times; stored data not at all) marks a
+  // lying entry: without this check a tiny archive could make every request
+  // allocate gigabytes of zeros.
+  static bool IsPossibleSize(const unz_file_info64& info) {
+    const uint64_t packed = info.compressed_size;
+    const uint64_t size = info.uncompressed_size;
+    if (info.compression_method == 0) return size <= packed;
+    if (info.compression_method == Z_DEFLATED)
+      return packed >= (UINT64_MAX - 1024) / MAX_DEFLATE_RATIO ||
+             size <= packed * MAX_DEFLATE_RATIO + 1024;
+    return true;
+  }
+
   std::shared_ptr<DataSource> Extract(std::string member) {
     std::replace(member.begin(), member.end(), '\\', '/');
     if (!Locate(LowerAscii(std::move(member)))) return {};
     if (unzOpenCurrentFile(zipHandle) != UNZ_OK) return {};
     std::shared_ptr<InMemoryDataSource> result;
     unz_file_info64 info;
-    if (unzGetCurrentFileInfo64(zipHandle, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK) {
+    if (unzGetCurrentFileInfo64(zipHandle, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK &&
+        IsPossibleSize(info)) {
       result = InMemoryDataSource::Create(static_cast<uint64_t>(info.uncompressed_size),
                                           source->IsTempFile());
       // A declared size that could not be allocated gives an empty block.

@@ -227,22 +227,29 @@ TEST(ZipDataStreamHostile, TruncatedAndCorruptArchives) {
   EXPECT_EQ(Bytes(archive->GetDataSourceForFile("b.txt")), "bbb");
 }
 
-TEST(ZipDataStreamHostile, HugeDeclaredSizeGivesNull) {
-  std::string zip = MakeArchive({{"big", "tiny"}});
-  // Patch the uncompressed size in the central directory entry (offset 24 of
-  // the record that starts with PK\1\2) to nearly 4 GiB... and beyond via a
-  // local header that disagrees: neither may be written through or crash.
-  const size_t central = zip.find("PK\x01\x02");
-  ASSERT_NE(central, std::string::npos);
-  for (int i = 0; i < 4; ++i) zip[central + 24 + i] = '\xFF';
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip), false));
-  auto m = archive->GetDataSourceForFile("big");
-  if (m) {
-    EXPECT_EQ(m->GetFileSize(), 0xFFFFFFFFu);
-    std::byte head[4];
-    EXPECT_EQ(m->GetBytes(head, 4), 4u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(head), 4), "tiny");
+TEST(ZipDataStreamHostile, SizesThatCannotBeTrueGiveNull) {
+  const std::string text(100000, 'a');  // deflates about 1000 to 1
+  std::string zip = MakeArchive({{"big", text}, {"raw.png", "stored"}});
+  auto patch = [&zip](const std::string& name, uint32_t size) {
+    // The uncompressed size sits at offset 24 of the central directory
+    // record (PK 1 2) that carries the name at offset 46.
+    size_t at = 0;
+    while ((at = zip.find("PK\x01\x02", at)) != std::string::npos &&
+           zip.compare(at + 46, name.size(), name) != 0)
+      ++at;
+    ASSERT_NE(at, std::string::npos);
+    for (int i = 0; i < 4; ++i) zip[at + 24 + i] = static_cast<char>(size >> (8 * i));
+  };
+  {
+    auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::string(zip), false));
+    EXPECT_EQ(Bytes(archive->GetDataSourceForFile("big")), text);  // the honest ratio is fine
   }
+  patch("big", 0xFFFF0000u);  // far beyond 1032 times its compressed bytes
+  patch("raw.png", 7);        // a stored member cannot grow
+  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip), false));
+  ASSERT_TRUE(archive->IsValid());
+  EXPECT_EQ(archive->GetDataSourceForFile("big"), nullptr);
+  EXPECT_EQ(archive->GetDataSourceForFile("raw.png"), nullptr);
 }
 
 // A source that fails by throwing after a given number of reads.
