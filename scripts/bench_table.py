@@ -36,6 +36,12 @@ PEERS = {
 }
 
 
+def FormatTarget(target):
+    """0.5 -> "0.5", 1 -> "1.0", 0.95 -> "0.95"."""
+    text = f"{target:.2f}".rstrip("0")
+    return text + "0" if text.endswith(".") else text
+
+
 def load(path):
     with open(path) as f:
         report = json.load(f)
@@ -81,7 +87,7 @@ def rows(medians):
                 PEERS.get(job, "peer"),
                 # Rounded down, so that a ratio shown as meeting a target does.
                 f"{math.floor(ratio * 100) / 100:.2f}" if ratio is not None else "-",
-                f">= {target:.1f}" if target is not None else "none",
+                f">= {FormatTarget(target)}" if target is not None else "none",
                 verdict,
             ])
     return out
