@@ -12,11 +12,11 @@
 //
 // AddFile refuses (false) a null source, an empty name, a name longer than
 // 65,535 bytes and a member of 4 GiB - 1 bytes or more, which the 32-bit ZIP
-// fields cannot hold (all ones there marks a ZIP64 field). The archive returned by GetDSForBuffer ends with zero bytes after the
-// end-of-central-directory record (its length is a sum of 4 KiB-or-larger
-// block sizes); ZIP readers find the record by searching backwards, and the
-// padding is kept on purpose. After GetDSForBuffer the writer is empty and
-// the next AddFile starts a new archive.
+// fields cannot hold (all ones there marks a ZIP64 field). The archive returned by GetDSForBuffer
+// ends with zero bytes after the end-of-central-directory record (its length is a sum of 4
+// KiB-or-larger block sizes); ZIP readers find the record by searching backwards, and the padding
+// is kept on purpose. After GetDSForBuffer the writer is empty and the next AddFile starts a new
+// archive.
 //
 // Threading: not safe for concurrent use.
 #pragma once

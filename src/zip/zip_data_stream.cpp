@@ -13,6 +13,7 @@
 
 #include "oru/file_data_source.h"
 #include "oru/make_shared_enabler.h"
+#include "zip/minizip_bridge.h"
 
 namespace oru {
 
@@ -58,15 +59,7 @@ struct ZipDataStream::Unzipper {
   explicit Unzipper(const std::shared_ptr<DataSource>& src)
       : source(src), uniqueId(URL_PREFIX + std::to_string(s_nextId.fetch_add(1))) {
     if (!source) return;
-    zlib_filefunc64_def functions{};
-    functions.zopen64_file = &Open;
-    functions.zread_file = &Read;
-    functions.zwrite_file = &Write;
-    functions.ztell64_file = &Tell;
-    functions.zseek64_file = &Seek;
-    functions.zclose_file = &Close;
-    functions.zerror_file = &TestError;
-    functions.opaque = this;
+    zlib_filefunc64_def functions = detail::MinizipFunctions(this);
     zipHandle = unzOpen2_64(nullptr, &functions);
   }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "zip/minizip_bridge.h"
+
 namespace oru {
 
 namespace {
@@ -128,15 +130,7 @@ struct ZipWriter::Impl {
   bool OpenArchive() {
     blocks.clear();
     cursor = blocks.end();
-    zlib_filefunc64_def functions{};
-    functions.zopen64_file = &Open;
-    functions.zread_file = &Read;
-    functions.zwrite_file = &Write;
-    functions.ztell64_file = &Tell;
-    functions.zseek64_file = &Seek;
-    functions.zclose_file = &Close;
-    functions.zerror_file = &TestError;
-    functions.opaque = this;
+    zlib_filefunc64_def functions = detail::MinizipFunctions(this);
     zipHandle = zipOpen2_64(nullptr, APPEND_STATUS_CREATE, nullptr, &functions);
     return zipHandle != nullptr;
   }

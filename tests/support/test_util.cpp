@@ -80,6 +80,15 @@ std::string ReadAll(DataSource& src, uint64_t step) {
   return out;
 }
 
+std::string Contents(const std::shared_ptr<DataSource>& src) {
+  if (!src) return "<null>";
+  std::string out(static_cast<size_t>(src->GetFileSize()), '\0');
+  src->Seek(0, DS_SEEK_SET);
+  out.resize(
+      static_cast<size_t>(src->GetBytes(reinterpret_cast<std::byte*>(out.data()), out.size())));
+  return out;
+}
+
 std::string RandomBytes(std::size_t n, unsigned seed) {
   std::mt19937 gen(seed);
   std::string s(n, '\0');

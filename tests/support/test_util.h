@@ -45,6 +45,8 @@ bool HaveTool(const std::string& tool);
 // `step` bytes per call.
 std::string Read(DataSource& src, uint64_t count);
 std::string ReadAll(DataSource& src, uint64_t step);
+// The whole content of a source from its start; "<null>" for a null pointer.
+std::string Contents(const std::shared_ptr<DataSource>& src);
 
 // Deterministic pseudo-random bytes for test data.
 std::string RandomBytes(std::size_t n, unsigned seed);

@@ -12,14 +12,6 @@
 namespace oru::test {
 namespace {
 
-std::string Bytes(const std::shared_ptr<DataSource>& src) {
-  if (!src) return "<null>";
-  std::string out(static_cast<size_t>(src->GetFileSize()), '\0');
-  src->Seek(0, DS_SEEK_SET);
-  src->GetBytes(reinterpret_cast<std::byte*>(out.data()), out.size());
-  return out;
-}
-
 // Inflates raw deflate data; returns the bytes and how much input was used.
 std::string InflateRaw(const std::string& in, size_t* used = nullptr) {
   z_stream z{};
@@ -63,14 +55,14 @@ TEST(Zipper, PlainAndCompressedSectionsRoundTrip) {
   ASSERT_TRUE(z.EndCompressedSection());
   ASSERT_TRUE(Add(z, after));
 
-  const std::string out = Bytes(z.GetDSForBuffer());
+  const std::string out = Contents(z.GetDSForBuffer());
   ASSERT_EQ(out.substr(0, before.size()), before);
   ASSERT_EQ(out.substr(before.size(), 10), GZIP_HEADER);
   size_t used = 0;
   EXPECT_TRUE(InflateRaw(out.substr(before.size() + 10), &used) == payload);
   EXPECT_EQ(out.substr(before.size() + 10 + used), after);  // no trailer
   // The writer keeps its blocks and can be asked again.
-  EXPECT_EQ(Bytes(z.GetDSForBuffer()), out);
+  EXPECT_EQ(Contents(z.GetDSForBuffer()), out);
 }
 
 TEST(Zipper, PythonDecodesTheSectionAfterItsHeader) {
@@ -81,7 +73,7 @@ TEST(Zipper, PythonDecodesTheSectionAfterItsHeader) {
   ASSERT_TRUE(z.StartCompressedSection(9));
   for (int i = 0; i < 5000; ++i) ASSERT_TRUE(Add(z, text));
   ASSERT_TRUE(z.EndCompressedSection());
-  WriteFile(dir.File("s.bin"), Bytes(z.GetDSForBuffer()));
+  WriteFile(dir.File("s.bin"), Contents(z.GetDSForBuffer()));
   EXPECT_EQ(oru::test::Run("python3 -c \"import zlib,sys\n"
                            "d=open('" +
                            dir.File("s.bin") +
@@ -99,7 +91,7 @@ TEST(Zipper, OutOfRangeLevelsMeanTheDefault) {
     EXPECT_TRUE(z.StartCompressedSection(level));
     EXPECT_TRUE(Add(z, data));
     EXPECT_TRUE(z.EndCompressedSection());
-    return Bytes(z.GetDSForBuffer());
+    return Contents(z.GetDSForBuffer());
   };
   const std::string byDefault = sectionAt(-1);
   EXPECT_EQ(sectionAt(10), byDefault);
@@ -111,12 +103,12 @@ TEST(Zipper, OutOfRangeLevelsMeanTheDefault) {
 TEST(Zipper, BlockBoundariesAndEmptySections) {
   Zipper exact;
   ASSERT_TRUE(Add(exact, std::string(16384, 'x')));
-  EXPECT_EQ(Bytes(exact.GetDSForBuffer()), std::string(16384, 'x'));
+  EXPECT_EQ(Contents(exact.GetDSForBuffer()), std::string(16384, 'x'));
 
   Zipper empty;
   ASSERT_TRUE(empty.StartCompressedSection(-1));
   ASSERT_TRUE(empty.EndCompressedSection());
-  EXPECT_EQ(Bytes(empty.GetDSForBuffer()), GZIP_HEADER + std::string("\x03\x00", 2));
+  EXPECT_EQ(Contents(empty.GetDSForBuffer()), GZIP_HEADER + std::string("\x03\x00", 2));
 
   // A section that starts when the current block is exactly full, twice.
   Zipper full;
@@ -126,7 +118,7 @@ TEST(Zipper, BlockBoundariesAndEmptySections) {
     ASSERT_TRUE(Add(full, std::string(40000, 'w')));
     ASSERT_TRUE(full.EndCompressedSection());
   }
-  const std::string out = Bytes(full.GetDSForBuffer());
+  const std::string out = Contents(full.GetDSForBuffer());
   ASSERT_EQ(out.substr(16374, 10), GZIP_HEADER);
   size_t used = 0;
   EXPECT_EQ(InflateRaw(out.substr(16384), &used), std::string(40000, 'w'));
@@ -134,7 +126,7 @@ TEST(Zipper, BlockBoundariesAndEmptySections) {
 
   Zipper none;
   EXPECT_FALSE(none.EndCompressedSection());  // nothing open
-  EXPECT_EQ(Bytes(none.GetDSForBuffer()), "");
+  EXPECT_EQ(Contents(none.GetDSForBuffer()), "");
 }
 
 std::shared_ptr<DataSource> Src(const std::string& s) {
@@ -149,7 +141,7 @@ TEST(ZipWriter, ArchivesPassOutsideCheckersAndStoreListedExtensions) {
   ASSERT_TRUE(writer.AddFile(Src(binary), "photo.JPG"));
   ASSERT_TRUE(writer.AddFile(Src("model"), "model"));
   ASSERT_TRUE(writer.AddFile(Src(""), "empty.png"));
-  const std::string zip = Bytes(writer.GetDSForBuffer());
+  const std::string zip = Contents(writer.GetDSForBuffer());
   // Whole blocks are handed out: only zeros follow the 22-byte end record.
   const size_t end = zip.rfind("PK\x05\x06");
   ASSERT_NE(end, std::string::npos);
@@ -157,9 +149,9 @@ TEST(ZipWriter, ArchivesPassOutsideCheckersAndStoreListedExtensions) {
 
   auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::string(zip), false));
   ASSERT_TRUE(archive->IsValid());
-  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("dir/readme.txt")), text);
-  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("photo.jpg")), binary);
-  EXPECT_EQ(Bytes(archive->GetDataSourceForFile("empty.png")), "");
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("dir/readme.txt")), text);
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("photo.jpg")), binary);
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("empty.png")), "");
 
   if (!HaveTool("python3") || !HaveTool("unzip")) GTEST_SKIP() << "needs python3 and unzip";
   TempDir dir;
@@ -179,12 +171,12 @@ TEST(ZipWriter, ArchivesPassOutsideCheckersAndStoreListedExtensions) {
 
 TEST(ZipWriter, RefusalsAndStartingOver) {
   ZipWriter writer;
-  EXPECT_EQ(Bytes(writer.GetDSForBuffer()), "");  // nothing added: empty
+  EXPECT_EQ(Contents(writer.GetDSForBuffer()), "");  // nothing added: empty
   EXPECT_FALSE(writer.AddFile(nullptr, "a"));
   EXPECT_FALSE(writer.AddFile(Src("x"), ""));
   EXPECT_FALSE(writer.AddFile(Src("x"), std::string(65536, 'n')));
   EXPECT_TRUE(writer.AddFile(Src("x"), std::string(65535, 'n')));
-  const std::string first = Bytes(writer.GetDSForBuffer());
+  const std::string first = Contents(writer.GetDSForBuffer());
   ASSERT_TRUE(writer.AddFile(Src("second"), "b.txt"));
   auto small = writer.GetDSForBuffer();
   EXPECT_EQ(small->GetFileSize(), 4096u);  // one block for a small archive
