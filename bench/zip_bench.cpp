@@ -227,6 +227,31 @@ const std::byte* MemberBytes(const std::shared_ptr<oru::DataSource>& member) {
   return memory ? memory->GetDataBuffer() : nullptr;
 }
 
+// True when every member of `archive` comes back from `source` byte for byte.
+bool MembersMatch(const std::shared_ptr<oru::InMemoryDataSource>& source, const Archive& archive) {
+  auto zip = oru::ZipDataStream::Create(source);
+  for (const Member& m : archive.members) {
+    auto member = zip->GetDataSourceForFile(m.name);
+    const std::byte* bytes = member ? MemberBytes(member) : nullptr;
+    if (!bytes || member->GetFileSize() != m.bytes.size() ||
+        std::memcmp(bytes, m.bytes.data(), m.bytes.size()) != 0)
+      return false;
+  }
+  return true;
+}
+
+// The timed work of ours: every named member, inflated whole.
+bool ExtractEach(oru::ZipDataStream& zip, const std::vector<std::string>& names) {
+  for (const std::string& name : names) {
+    auto member = zip.GetDataSourceForFile(name);
+    const std::byte* bytes = member ? MemberBytes(member) : nullptr;
+    if (!bytes) return false;
+    benchmark::DoNotOptimize(bytes);
+    benchmark::ClobberMemory();
+  }
+  return true;
+}
+
 zip_t* OpenWithLibzip(const std::string& bytes) {
   zip_error_t error;
   zip_error_init(&error);
@@ -246,32 +271,19 @@ void BM_ZipExtractAll_ours(benchmark::State& state) {
     return;
   }
   auto source = oru::InMemoryDataSource::Create(archive.zip.data(), archive.zip.size(), false);
-  {  // Outside the timed loop: every member comes back whole and correct.
-    auto zip = oru::ZipDataStream::Create(source);
-    for (const Member& m : archive.members) {
-      auto member = zip->GetDataSourceForFile(m.name);
-      const std::byte* bytes = member ? MemberBytes(member) : nullptr;
-      if (!bytes || member->GetFileSize() != m.bytes.size() ||
-          std::memcmp(bytes, m.bytes.data(), m.bytes.size()) != 0) {
-        state.SkipWithError("ZipDataStream gave a different member");
-        return;
-      }
-    }
+  // Outside the timed loop: every member comes back whole and correct.
+  if (!MembersMatch(source, archive)) {
+    state.SkipWithError("ZipDataStream gave a different member");
+    return;
   }
   std::vector<std::string> names;
   for (auto _ : state) {
     auto zip = oru::ZipDataStream::Create(source);
     names.clear();
     zip->ListContents(&names);
-    for (const std::string& name : names) {
-      auto member = zip->GetDataSourceForFile(name);
-      const std::byte* bytes = member ? MemberBytes(member) : nullptr;
-      if (!bytes) {
-        state.SkipWithError("member missing");
-        return;
-      }
-      benchmark::DoNotOptimize(bytes);
-      benchmark::ClobberMemory();
+    if (!ExtractEach(*zip, names)) {
+      state.SkipWithError("member missing");
+      return;
     }
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
@@ -326,29 +338,16 @@ void BM_ZipLookup_ours(benchmark::State& state) {
   }
   const std::vector<std::string>& names = ShuffledNames();
   auto source = oru::InMemoryDataSource::Create(archive.zip.data(), archive.zip.size(), false);
-  {  // Outside the timed loop: every name is found, with its content.
-    auto zip = oru::ZipDataStream::Create(source);
-    for (const Member& m : archive.members) {
-      auto member = zip->GetDataSourceForFile(m.name);
-      const std::byte* bytes = member ? MemberBytes(member) : nullptr;
-      if (!bytes || member->GetFileSize() != m.bytes.size() ||
-          std::memcmp(bytes, m.bytes.data(), m.bytes.size()) != 0) {
-        state.SkipWithError("ZipDataStream gave a different member");
-        return;
-      }
-    }
+  // Outside the timed loop: every member comes back whole and correct.
+  if (!MembersMatch(source, archive)) {
+    state.SkipWithError("ZipDataStream gave a different member");
+    return;
   }
   for (auto _ : state) {
     auto zip = oru::ZipDataStream::Create(source);
-    for (const std::string& name : names) {
-      auto member = zip->GetDataSourceForFile(name);
-      const std::byte* bytes = member ? MemberBytes(member) : nullptr;
-      if (!bytes) {
-        state.SkipWithError("member missing");
-        return;
-      }
-      benchmark::DoNotOptimize(bytes);
-      benchmark::ClobberMemory();
+    if (!ExtractEach(*zip, names)) {
+      state.SkipWithError("member missing");
+      return;
     }
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *

@@ -216,16 +216,19 @@ const std::string& ZipDataStream::GetUniqueId() const {
   return unzipper->uniqueId;
 }
 
+namespace {
+std::string FileNameOf(const DataSource* source) {
+  auto* file = dynamic_cast<const FileDataSource*>(source);
+  return file ? file->GetFileName() : std::string();
+}
+}  // namespace
+
 std::string ZipDataStream::GetZipFileName() {
-  if (auto* file = dynamic_cast<FileDataSource*>(unzipper->source.get()))
-    return file->GetFileName();
-  return {};
+  return FileNameOf(unzipper->source.get());
 }
 
 std::string ZipDataStream::ComponentUrl(BasicStringSpan<const char> member) const {
-  std::string name;
-  if (auto* file = dynamic_cast<FileDataSource*>(unzipper->source.get()))
-    name = file->GetFileName();
+  const std::string name = FileNameOf(unzipper->source.get());
   if (name.empty()) return member.str();
   return DISPLAY_PREFIX + name + "/" + member.str();
 }
