@@ -22,3 +22,5 @@
 #include "oru/zipper.h"
 
 #include "oru/encoding.h"
+#include "oru/file_system.h"
+#include "oru/data_cache.h"

@@ -114,3 +114,132 @@ std::string Deflate(const std::string& data, char format, int level) {
 }
 
 }  // namespace oru::test
+
+#ifdef _WIN32
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+#include <process.h>
+#else
+#include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
+extern char** environ;
+#endif
+
+namespace oru::test {
+
+namespace {
+#ifdef _WIN32
+constexpr const char* TEMP_AREA_VARIABLE = "TMP";
+#else
+constexpr const char* TEMP_AREA_VARIABLE = "TMPDIR";
+#endif
+}  // namespace
+
+void SetEnv(const std::string& name, const std::string& value) {
+#ifdef _WIN32
+  // _wputenv_s updates both the runtime's and the system's copy, which is
+  // where GetTempPathW looks.
+  _wputenv_s(std::filesystem::u8path(name).wstring().c_str(),
+             std::filesystem::u8path(value).wstring().c_str());
+#else
+  if (value.empty()) {
+    unsetenv(name.c_str());
+  } else {
+    setenv(name.c_str(), value.c_str(), 1);
+  }
+#endif
+}
+
+std::string GetEnv(const std::string& name) {
+#ifdef _WIN32
+  // The narrow environment is in the ANSI code page; ask for UTF-16.
+  const wchar_t* v = _wgetenv(std::filesystem::u8path(name).wstring().c_str());
+  if (v == nullptr) return "";
+  auto u8 = std::filesystem::path(v).u8string();
+  return std::string(u8.begin(), u8.end());
+#else
+  const char* v = std::getenv(name.c_str());
+  return v != nullptr ? v : "";
+#endif
+}
+
+ScopedTempArea::ScopedTempArea(const std::string& dir) : m_saved(GetEnv(TEMP_AREA_VARIABLE)) {
+  SetEnv(TEMP_AREA_VARIABLE, dir);
+}
+
+ScopedTempArea::~ScopedTempArea() {
+  SetEnv(TEMP_AREA_VARIABLE, m_saved);
+}
+
+ChildProcess::ChildProcess(const std::string& filter) {
+  const std::string filterArg = "--gtest_filter=" + filter;
+  const std::string disabledArg = "--gtest_also_run_disabled_tests";
+#ifdef _WIN32
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const std::wstring f = std::filesystem::u8path(filterArg).wstring();
+  const std::wstring d = std::filesystem::u8path(disabledArg).wstring();
+  const std::wstring quoted = L"\"" + std::wstring(self) + L"\"";
+  m_handle = _wspawnl(_P_NOWAIT, self, quoted.c_str(), f.c_str(), d.c_str(), nullptr);
+  if (m_handle == -1) throw std::runtime_error("cannot start the child process");
+#else
+  std::vector<char*> argv = {const_cast<char*>("oru_tests"), const_cast<char*>(filterArg.c_str()),
+                             const_cast<char*>(disabledArg.c_str()), nullptr};
+  pid_t pid = 0;
+  if (posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), environ) != 0) {
+    throw std::runtime_error("cannot start the child process");
+  }
+  m_handle = pid;
+#endif
+}
+
+ChildProcess::~ChildProcess() {
+  if (m_handle != -1) Kill();
+}
+
+void ChildProcess::Kill() {
+  if (m_handle == -1) return;
+#ifdef _WIN32
+  TerminateProcess(reinterpret_cast<HANDLE>(m_handle), 1);
+  WaitForSingleObject(reinterpret_cast<HANDLE>(m_handle), INFINITE);
+  CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+#else
+  kill(static_cast<pid_t>(m_handle), SIGKILL);
+  int status = 0;
+  waitpid(static_cast<pid_t>(m_handle), &status, 0);
+#endif
+  m_handle = -1;
+}
+
+bool ChildProcess::Running() {
+  if (m_handle == -1) return false;
+#ifdef _WIN32
+  return WaitForSingleObject(reinterpret_cast<HANDLE>(m_handle), 0) == WAIT_TIMEOUT;
+#else
+  int raw = 0;
+  if (waitpid(static_cast<pid_t>(m_handle), &raw, WNOHANG) == 0) return true;
+  m_handle = -1;  // reaped
+  return false;
+#endif
+}
+
+int ChildProcess::Wait() {
+  int status = -1;
+#ifdef _WIN32
+  WaitForSingleObject(reinterpret_cast<HANDLE>(m_handle), INFINITE);
+  DWORD code = 0;
+  GetExitCodeProcess(reinterpret_cast<HANDLE>(m_handle), &code);
+  CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+  status = static_cast<int>(code);
+#else
+  int raw = 0;
+  waitpid(static_cast<pid_t>(m_handle), &raw, 0);
+  status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+#endif
+  m_handle = -1;
+  return status;
+}
+
+}  // namespace oru::test

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -54,5 +55,49 @@ std::string RandomBytes(std::size_t n, unsigned seed);
 // Compresses with zlib itself: format 'z' (zlib wrapper), 'g' (gzip wrapper)
 // or 'r' (raw deflate).
 std::string Deflate(const std::string& data, char format, int level = 6);
+
+}  // namespace oru::test
+
+namespace oru::test {
+
+// Sets (or, with an empty value, removes) an environment variable of this
+// process; child processes started afterwards inherit it.
+void SetEnv(const std::string& name, const std::string& value);
+// The variable's value, empty when it is not set.
+std::string GetEnv(const std::string& name);
+
+// Points the file systems' working area (TMPDIR, or TMP on Windows) at `dir`
+// for the lifetime of the object, then restores what was there.
+class ScopedTempArea {
+public:
+  explicit ScopedTempArea(const std::string& dir);
+  ~ScopedTempArea();
+  ScopedTempArea(const ScopedTempArea&) = delete;
+  ScopedTempArea& operator=(const ScopedTempArea&) = delete;
+
+private:
+  std::string m_saved;
+};
+
+// Another run of this test program that runs only the tests matching
+// `filter` (disabled ones included), for tests that kill a process on
+// purpose.
+class ChildProcess {
+public:
+  explicit ChildProcess(const std::string& filter);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Ends the process at once, with no chance to clean up, and reaps it.
+  void Kill();
+  // False once the process has ended (by itself or killed).
+  bool Running();
+  // Waits for a normal end; the exit status.
+  int Wait();
+
+private:
+  intptr_t m_handle = -1;
+};
 
 }  // namespace oru::test

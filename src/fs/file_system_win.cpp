@@ -1,0 +1,105 @@
+// Windows calls under the stdio file systems: the wide-character runtime
+// and Win32 functions on the UTF-16 form of each UTF-8 path, so that names
+// outside the ANSI code page work.
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/utime.h>
+
+#include <direct.h>
+#include <io.h>
+#include <cstdio>
+#include <ctime>
+
+#include "fs/file_system_platform.h"
+#include "oru/encoding.h"
+#include "oru/file_system.h"
+
+namespace oru {
+
+std::shared_ptr<FileSystem> CreateNativeFileSystem() {
+  return WinFileSystem::Create();
+}
+
+namespace detail {
+
+namespace {
+
+// The mode argument of _waccess that asks only whether the name exists.
+constexpr int ACCESS_EXISTS = 0;
+
+std::wstring Wide(const std::string& utf8) {
+  return Utf8ToWideStr(utf8);
+}
+
+}  // namespace
+
+std::FILE* OpenFile(const std::string& path, const std::string& mode) {
+  return _wfopen(Wide(path).c_str(), Wide(mode).c_str());
+}
+
+bool StatPath(const std::string& path, FileStat& out) {
+  struct _stat64 st {};
+  if (_wstat64(Wide(path).c_str(), &st) != 0) return false;
+  out.size = static_cast<uint64_t>(st.st_size);
+  out.accessTime = static_cast<int64_t>(st.st_atime);
+  out.createTime = static_cast<int64_t>(st.st_ctime);
+  out.modifyTime = static_cast<int64_t>(st.st_mtime);
+  out.mode = static_cast<uint64_t>(static_cast<unsigned short>(st.st_mode));
+  return true;
+}
+
+bool SetFileTimes(const std::string& path, int64_t accessTime, int64_t modifyTime) {
+  struct __utimbuf64 times {};
+  times.actime = static_cast<__time64_t>(accessTime);
+  times.modtime = static_cast<__time64_t>(modifyTime);
+  return _wutime64(Wide(path).c_str(), &times) == 0;
+}
+
+int64_t CurrentTime() {
+  return static_cast<int64_t>(_time64(nullptr));
+}
+
+int UnlinkPath(const std::string& path) {
+  return _wunlink(Wide(path).c_str()) == 0 ? 0 : -1;
+}
+
+bool PathExists(const std::string& path) {
+  return _waccess(Wide(path).c_str(), ACCESS_EXISTS) == 0;
+}
+
+bool MakeDirectory(const std::string& path) {
+  return _wmkdir(Wide(path).c_str()) == 0;
+}
+
+bool TemporaryDirectory(std::string& out) {
+  wchar_t buffer[MAX_PATH + 1];
+  const DWORD n = GetTempPathW(MAX_PATH + 1, buffer);
+  if (n == 0 || n > MAX_PATH) return false;
+  out = WideStrToUtf8(BasicStringSpan<wchar_t const>(buffer, n));
+  return true;
+}
+
+bool ListDirectory(const std::string& dir, char separator,
+                   const std::function<void(const std::string&)>& entry) {
+  const std::wstring pattern = Wide(dir + separator + '*');
+  WIN32_FIND_DATAW data;
+  HANDLE h = FindFirstFileW(pattern.c_str(), &data);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  do {
+    entry(WideStrToUtf8(BasicStringSpan<wchar_t const>(data.cFileName, wcslen(data.cFileName))));
+  } while (FindNextFileW(h, &data));
+  FindClose(h);
+  return true;
+}
+
+bool RenameReplacing(const std::string& from, const std::string& to) {
+  return MoveFileExW(Wide(from).c_str(), Wide(to).c_str(),
+                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+}  // namespace detail
+}  // namespace oru

@@ -1,0 +1,436 @@
+// DataCache over the native file system (and over a wrapping one that can
+// fail or defer), in a private working area whose path is not ASCII.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "cache/wrapping_file_system.h"
+#include "oru/data_cache.h"
+#include "oru/file_system.h"
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+namespace stdfs = std::filesystem;
+using test::ReadFile;
+using test::WriteFile;
+
+#ifdef _WIN32
+constexpr const char* NL = "\r\n";  // the info file is written in text mode
+#else
+constexpr const char* NL = "\n";
+#endif
+
+class DataCacheTest : public ::testing::Test {
+protected:
+  test::TempDir tmp;
+  std::string area = MakeArea();
+  test::ScopedTempArea scopedArea{area};
+  std::shared_ptr<FileSystem> fs = CreateNativeFileSystem();
+  const char sep = fs->GetDirSeparator();
+  const std::string dir = area + sep + "QD_FileCache";
+  const std::string info = dir + sep + "info.txt";
+
+  std::string MakeArea() {
+    std::string a = tmp.File("área-緩存");
+    stdfs::create_directories(stdfs::u8path(a));
+    return a;
+  }
+
+  std::shared_ptr<DataCache> Open(uint64_t limit = 1 << 20,
+                                  std::shared_ptr<FileSystem> over = nullptr) {
+    auto cache = DataCache::Create(over ? over : fs, limit);
+    cache->Initialize();
+    return cache;
+  }
+
+  static bool Add(DataCache& cache, const std::string& name, const std::string& bytes,
+                  const std::string& extra = "") {
+    int calls = 0;
+    bool result = false;
+    cache.AddFile(name, InMemoryDataSource::Create(std::string(bytes), false),
+                  [&](bool ok) { ++calls, result = ok; }, extra);
+    EXPECT_EQ(1, calls);
+    return result;
+  }
+
+  // The cached source for `name` (null when not served).
+  static std::shared_ptr<DataSource> Source(DataCache& cache, const std::string& name) {
+    std::shared_ptr<DataSource> got;
+    int calls = 0;
+    cache.GetFile(name, [&](std::shared_ptr<DataSource> const& src, std::string const& n) {
+      ++calls;
+      EXPECT_EQ(name, n);
+      got = src;
+    });
+    EXPECT_EQ(1, calls);
+    return got;
+  }
+  static std::string Get(DataCache& cache, const std::string& name) {
+    auto src = Source(cache, name);
+    return src ? test::Contents(src) : "<none>";
+  }
+
+  // Moves a file's modification time `seconds` away from now.
+  static void Shift(const std::string& path, int seconds) {
+    stdfs::last_write_time(stdfs::u8path(path),
+                           stdfs::file_time_type::clock::now() + std::chrono::seconds(seconds));
+  }
+  std::unordered_set<std::string> DirFiles() {
+    std::unordered_set<std::string> out;
+    fs->FilesInDir(dir.c_str(), out);
+    return out;
+  }
+  std::string PathOf(DataCache& cache, const std::string& name) {
+    return cache.LookupName(name)->second->path;
+  }
+};
+
+TEST_F(DataCacheTest, InfoFileRoundTripsByteForByte) {
+  {
+    auto cache = Open();
+    ASSERT_TRUE(cache->Initialized());
+    EXPECT_EQ(dir, cache->GetCacheDir());
+    cache->FinaliseCache();
+    EXPECT_EQ(std::string("Version 1.8") + NL + "---" + NL, ReadFile(info));
+
+    ASSERT_TRUE(Add(*cache, "https://host/modèle", "payload", "etag with  spaces "));
+    cache->AddAlternativeName("short-名", "https://host/modèle");
+    cache->FinaliseCache();
+    const std::string file = PathOf(*cache, "https://host/modèle");
+    EXPECT_EQ(dir + sep + "0", file);
+    EXPECT_EQ(std::string("Version 1.8") + NL + "0 etag with  spaces " + NL + "https://host/modèle" +
+                  NL + "---" + NL + "short-名<<>>https://host/modèle" + NL,
+              ReadFile(info));
+  }
+  auto again = Open();
+  EXPECT_EQ("payload", Get(*again, "https://host/modèle"));
+  EXPECT_EQ("payload", Get(*again, "short-名"));
+  EXPECT_EQ("etag with  spaces ", again->GetExtraData("short-名"));
+  EXPECT_EQ(7u, again->GetFileSize("https://host/modèle"));
+  EXPECT_EQ(7u, again->GetTotalSize());
+  EXPECT_EQ("https://host/modèle", again->LookupPrimaryName("short-名"));
+  EXPECT_EQ("", again->LookupPrimaryName("https://host/modèle"));
+  std::vector<DataCache::InfoContent> content;
+  ASSERT_TRUE(again->GetInfoFileContent(content));
+  ASSERT_EQ(1u, content.size());
+  EXPECT_EQ("https://host/modèle", content[0].name);
+  EXPECT_EQ("etag with  spaces ", content[0].extraData);
+  // New files never take a number the info file named.
+  ASSERT_TRUE(Add(*again, "second", "2"));
+  EXPECT_EQ(dir + sep + "1", PathOf(*again, "second"));
+}
+
+TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
+  stdfs::create_directories(stdfs::u8path(dir));
+  for (const char* f : {"12", "13", "14", "99", "other-program.tmp"}) WriteFile(dir + sep + f, f);
+  WriteFile(info, std::string("Version 1.8\n") + "12 some extra text\nmodel-a\n" +
+                      "13 x\n\n" +       // empty logical name: ignored
+                      "14\nno-space\n" +  // no space: ignored
+                      "---\nalias<<>>model-a\njunk line\n");
+  Shift(info, 10);
+  auto cache = Open();
+  EXPECT_EQ("12", Get(*cache, "model-a"));
+  EXPECT_EQ("some extra text", cache->GetExtraData("alias"));
+  EXPECT_FALSE(cache->Contains("no-space"));
+  EXPECT_EQ((std::unordered_set<std::string>{dir + sep + "12", info}), DirFiles());
+
+  // Another version: nothing is trusted, everything but the info file goes.
+  cache.reset();
+  WriteFile(info, "Version 1.7\n12 x\nmodel-a\n---\n");
+  cache = Open();
+  EXPECT_FALSE(cache->Contains("model-a"));
+  EXPECT_EQ((std::unordered_set<std::string>{info}), DirFiles());
+}
+
+TEST_F(DataCacheTest, FilesChangedOrRemovedBehindItsBackAreNotServed) {
+  {
+    auto cache = Open();
+    for (const char* name : {"a", "b", "c"}) ASSERT_TRUE(Add(*cache, name, name + std::string(100, '.')));
+    cache->FinaliseCache();
+    Shift(info, 10);
+    stdfs::remove(stdfs::u8path(PathOf(*cache, "b")));
+    WriteFile(dir + sep + "foreign", "not ours");
+  }
+  auto cache = Open();
+  EXPECT_EQ("a" + std::string(100, '.'), Get(*cache, "a"));
+  EXPECT_FALSE(cache->Contains("b"));
+  EXPECT_EQ(202u, cache->GetTotalSize());
+  EXPECT_EQ(0u, DirFiles().count(dir + sep + "foreign"));
+
+  // An edit after the info file was written empties the whole cache.
+  const std::string path = PathOf(*cache, "c");
+  cache.reset();
+  WriteFile(path, "edited");
+  Shift(path, 20);
+  cache = Open();
+  EXPECT_FALSE(cache->Contains("a"));
+  EXPECT_FALSE(cache->Contains("c"));
+  EXPECT_EQ(0u, cache->GetTotalSize());
+  EXPECT_TRUE(DirFiles().empty());
+}
+
+TEST_F(DataCacheTest, AnInfoFileCutShortNeverLeadsToWrongBytes) {
+  std::map<std::string, std::string> bytes = {{"model", "MODEL"}, {"model-2", "SECOND"}};
+  {
+    auto cache = Open();
+    for (auto& [name, b] : bytes) ASSERT_TRUE(Add(*cache, name, b, "x y"));
+    cache->AddAlternativeName("alias", "model-2");
+    cache->FinaliseCache();
+  }
+  const std::string whole = ReadFile(info);
+  const stdfs::path snapshot = tmp.path() / "snapshot";
+  stdfs::copy(stdfs::u8path(dir), snapshot);
+  int servedWhole = 0;
+  for (size_t cut = 0; cut <= whole.size(); ++cut) {
+    stdfs::remove_all(stdfs::u8path(dir));
+    stdfs::copy(snapshot, stdfs::u8path(dir));
+    WriteFile(info, whole.substr(0, cut));
+    Shift(info, 10);
+    auto cache = Open();
+    int served = 0;
+    for (const char* name : {"model", "model-2", "alias", "mode", "model-", "alia"}) {
+      auto src = Source(*cache, name);
+      if (!src) continue;
+      ++served;
+      std::string primary = cache->LookupPrimaryName(name);
+      if (primary.empty()) primary = name;
+      ASSERT_EQ(bytes[primary], test::Contents(src)) << "cut " << cut << " name " << name;
+      ASSERT_EQ(bytes.count(primary), 1u) << "cut " << cut << " name " << name;
+    }
+    if (cut == whole.size()) servedWhole = served;
+  }
+  EXPECT_EQ(3, servedWhole);
+}
+
+TEST_F(DataCacheTest, EvictsTheOldestFilesFirst) {
+  {
+    auto cache = Open(100);
+    for (const char* name : {"old", "mid", "new"}) ASSERT_TRUE(Add(*cache, name, std::string(30, *name)));
+    Shift(PathOf(*cache, "old"), -300);
+    Shift(PathOf(*cache, "mid"), -200);
+    Shift(PathOf(*cache, "new"), -100);
+    cache->FinaliseCache();
+  }
+  auto cache = Open(100);
+  EXPECT_EQ(90u, cache->GetTotalSize());
+  ASSERT_TRUE(Add(*cache, "big", std::string(60, 'b')));
+  EXPECT_FALSE(cache->Contains("old"));
+  EXPECT_FALSE(cache->Contains("mid"));
+  EXPECT_TRUE(cache->Contains("new"));
+  EXPECT_EQ(90u, cache->GetTotalSize());
+  EXPECT_EQ(2u + 1u, DirFiles().size() + (stdfs::exists(stdfs::u8path(info)) ? 0 : 1));
+
+  // Equal times: exactly one of the two goes, whichever.
+  auto same = Open(100);
+  same->EmptyCache();
+  ASSERT_TRUE(Add(*same, "p", std::string(40, 'p')));
+  ASSERT_TRUE(Add(*same, "q", std::string(50, 'q')));
+  ASSERT_TRUE(Add(*same, "r", std::string(30, 'r')));
+  EXPECT_EQ(1, int(same->Contains("p")) + int(same->Contains("q")));
+  EXPECT_LE(same->GetTotalSize(), 100u);
+
+  // Larger than the limit: refused.
+  EXPECT_FALSE(Add(*same, "huge", std::string(101, 'h')));
+  EXPECT_FALSE(Add(*same, "empty", ""));
+}
+
+TEST_F(DataCacheTest, FilesInUseSurviveEvictionAndReplacement) {
+  auto cache = Open(100);
+  ASSERT_TRUE(Add(*cache, "held", std::string(40, 'h')));
+  Shift(PathOf(*cache, "held"), -100);
+  ASSERT_TRUE(Add(*cache, "free", std::string(50, 'f')));
+  auto reader = Source(*cache, "held");
+  ASSERT_NE(nullptr, reader);
+  EXPECT_TRUE(reader->IsTempFile());
+  EXPECT_TRUE(cache->IsFileInUse("held"));
+
+  ASSERT_TRUE(Add(*cache, "next", std::string(30, 'n')));  // evicts "free", though newer
+  EXPECT_TRUE(cache->Contains("held"));
+  EXPECT_FALSE(cache->Contains("free"));
+  // Room only by taking "held": "next" goes on the way, and the add fails.
+  EXPECT_FALSE(Add(*cache, "too-much", std::string(61, 't')));
+  EXPECT_TRUE(cache->Contains("held"));
+  EXPECT_FALSE(cache->Contains("next"));
+
+  // Replaced while read: the reader keeps the old bytes, from the buffer cache.
+  const std::string oldPath = PathOf(*cache, "held");
+  ASSERT_TRUE(Add(*cache, "held", std::string(20, 'H')));
+  EXPECT_FALSE(cache->IsFileInUse("held"));
+  EXPECT_EQ(std::string(40, 'h'), test::Contents(reader));
+  EXPECT_EQ(std::string(20, 'H'), Get(*cache, "held"));
+  EXPECT_EQ(60u, cache->GetTotalSize());
+  cache->CleanupBufferCache();
+  EXPECT_TRUE(stdfs::exists(stdfs::u8path(oldPath)));
+  reader.reset();
+  cache->CleanupBufferCache();
+  EXPECT_FALSE(stdfs::exists(stdfs::u8path(oldPath)));
+  EXPECT_EQ(20u, cache->GetTotalSize());
+
+  // Emptying keeps a held file on disk until it is let go; the info file goes.
+  cache->FinaliseCache();
+  auto held = Source(*cache, "held");
+  const std::string heldPath = PathOf(*cache, "held");
+  cache->EmptyCache();
+  EXPECT_FALSE(stdfs::exists(stdfs::u8path(info)));
+  EXPECT_EQ((std::unordered_set<std::string>{heldPath}), DirFiles());
+  EXPECT_EQ(std::string(20, 'H'), test::Contents(held));
+  held.reset();
+  cache->CleanupBufferCache();
+  EXPECT_TRUE(DirFiles().empty());
+  EXPECT_EQ(0u, cache->GetTotalSize());
+}
+
+TEST_F(DataCacheTest, PinnedNamesStayUntilTheLastLoadJobEnds) {
+  auto cache = Open(100);
+  ASSERT_TRUE(Add(*cache, "pinned", std::string(50, 'p')));
+  Shift(PathOf(*cache, "pinned"), -100);
+  ASSERT_TRUE(Add(*cache, "other", std::string(40, 'o')));
+  cache->StartLoadJob();
+  cache->StartLoadJob();
+  cache->PinName("pinned");
+  ASSERT_TRUE(Add(*cache, "new", std::string(30, 'n')));
+  EXPECT_TRUE(cache->Contains("pinned"));
+  EXPECT_FALSE(cache->Contains("other"));
+  cache->FinishLoadJob();
+  EXPECT_TRUE(cache->IsFileInUse("pinned"));
+  EXPECT_FALSE(stdfs::exists(stdfs::u8path(info)));
+  cache->FinishLoadJob();  // the last one: unpins and writes the info file
+  EXPECT_FALSE(cache->IsFileInUse("pinned"));
+  EXPECT_TRUE(stdfs::exists(stdfs::u8path(info)));
+}
+
+TEST_F(DataCacheTest, BuffersGoToDiskOrFallBackToMemory) {
+  auto cache = Open(100);
+  std::string block(60, 'b');
+  auto src = cache->AddBuffer(block.data(), block.size());
+  ASSERT_NE(nullptr, src);
+  EXPECT_TRUE(src->IsTempFile());
+  EXPECT_EQ(block, test::Contents(src));
+  EXPECT_EQ(60u, cache->GetTotalSize());
+  EXPECT_EQ(1u, DirFiles().size());
+  cache->FinaliseCache();  // not named in the info file; kept while read
+  EXPECT_EQ(std::string("Version 1.8") + NL + "---" + NL, ReadFile(info));
+  EXPECT_EQ(2u, DirFiles().size());
+
+  // No room while the block is read: served from memory, nothing written.
+  auto fallback = cache->AddBuffer(std::string(50, 'm'));
+  EXPECT_EQ(std::string(50, 'm'), test::Contents(fallback));
+  EXPECT_EQ(2u, DirFiles().size());
+  src.reset();
+  cache->FinaliseCache();
+  EXPECT_EQ(0u, cache->GetTotalSize());
+  EXPECT_EQ(1u, DirFiles().size());  // only the info file
+
+  // A cache that is not ready, and a directory gone from under the cache.
+  auto unready = DataCache::Create(fs, 100);
+  EXPECT_EQ("abc", test::Contents(unready->AddBuffer(std::string("abc"))));
+  stdfs::remove_all(stdfs::u8path(dir));
+  std::string gone = "xyz";
+  EXPECT_EQ("xyz", test::Contents(cache->AddBuffer(gone.data(), gone.size())));
+  EXPECT_EQ(0u, cache->GetTotalSize());
+}
+
+TEST_F(DataCacheTest, RefusesWhatWouldBreakTheInfoFile) {
+  auto cache = Open();
+  EXPECT_FALSE(Add(*cache, "two\nlines", "x"));
+  EXPECT_FALSE(Add(*cache, "name", "x", "extra\r\n"));
+  EXPECT_FALSE(Add(*cache, "", "x"));
+  cache->AddAlternativeName("a<<>>b", "name");
+  cache->AddAlternativeName("a\nb", "name");
+  cache->AddAlternativeName("ok", "na\nme");
+  EXPECT_EQ("", cache->LookupPrimaryName("a<<>>b"));
+  EXPECT_EQ("", cache->LookupPrimaryName("a\nb"));
+  EXPECT_EQ("", cache->LookupPrimaryName("ok"));
+  EXPECT_TRUE(DirFiles().empty());
+  EXPECT_EQ(nullptr, Source(*cache, "unknown"));
+  cache->GetFile("unknown", nullptr);  // no callback, no call
+  EXPECT_EQ(0u, cache->GetOutstandingFileRequestCount());
+}
+
+TEST_F(DataCacheTest, WithoutADirectoryItTouchesNoFile) {
+  auto wrapper = std::make_shared<test::WrappingFileSystem>();
+  wrapper->failInitDir = true;
+  auto cache = Open(100, wrapper);
+  EXPECT_FALSE(cache->Initialized());
+  EXPECT_FALSE(Add(*cache, "a", "x"));
+  EXPECT_EQ(nullptr, Source(*cache, "a"));
+  EXPECT_EQ("mem", test::Contents(cache->AddBuffer(std::string("mem"))));
+  cache->FinaliseCache();
+  cache->UpdateInfoFile();
+  cache->EmptyCache();
+  cache->WriteInfoFile();
+  DataCache::InfoMap map;
+  cache->ReadInfoFile(map);
+  cache->SetupFileCache(map);
+  cache->RemoveFile("a");
+  cache->Initialize();  // a second start does nothing
+  EXPECT_EQ(std::vector<std::string>{"InitDirToUse QD_FileCache"}, wrapper->calls);
+  EXPECT_THROW(cache->AddFile("a", nullptr, nullptr, ""), std::bad_function_call);
+
+  auto unowned = std::make_unique<DataCache>(*DataCache::Create(fs, 1));
+  EXPECT_THROW(unowned->Initialize(), std::bad_weak_ptr);
+}
+
+TEST_F(DataCacheTest, WorksOverAnAsynchronousFileSystem) {
+  auto wrapper = std::make_shared<test::WrappingFileSystem>();
+  wrapper->deferCallbacks = true;
+  auto cache = Open(1000, wrapper);
+  // The chain moves one step per pump: directory, then info file. Until it
+  // completes the cache answers as an empty one.
+  EXPECT_EQ(1u, wrapper->Pending());
+  EXPECT_EQ(nullptr, Source(*cache, "a"));  // pump 1: the directory is ready
+  EXPECT_EQ(dir, cache->GetCacheDir());
+  EXPECT_EQ(1u, wrapper->Pending());  // the info file is asked for
+  EXPECT_TRUE(cache->Initialized());  // pump 2: read, set up, ready
+  EXPECT_EQ(2, wrapper->pumps);
+  EXPECT_TRUE(cache->Initialized());
+  EXPECT_EQ(2, wrapper->pumps);  // a ready cache no longer pumps
+
+  int added = 0;
+  cache->AddFile("a", InMemoryDataSource::Create(std::string("async bytes"), false),
+                 [&](bool ok) { added += ok ? 1 : 100; }, "");
+  EXPECT_EQ(0, added);
+  EXPECT_FALSE(cache->Contains("a"));
+  wrapper->PumpCallbacks();
+  EXPECT_EQ(1, added);
+  EXPECT_EQ(11u, cache->GetTotalSize());
+
+  std::vector<std::string> got;
+  for (int i = 0; i < 3; ++i) {
+    cache->GetFile("a", [&](std::shared_ptr<DataSource> const& src, std::string const&) {
+      got.push_back(src ? test::Contents(src) : "<none>");
+    });
+  }
+  EXPECT_EQ(3u, cache->GetOutstandingFileRequestCount());
+  EXPECT_TRUE(got.empty());
+  wrapper->PumpCallbacks();
+  EXPECT_EQ(0u, cache->GetOutstandingFileRequestCount());
+  EXPECT_EQ(std::vector<std::string>(3, "async bytes"), got);
+
+  // A completion that arrives after the cache is gone does nothing.
+  cache->GetFile("a", [&](std::shared_ptr<DataSource> const&, std::string const&) { ADD_FAILURE(); });
+  cache.reset();
+  wrapper->PumpCallbacks();
+}
+
+TEST_F(DataCacheTest, WritesTheInfoFileInPlaceWhenItCannotBeReplaced) {
+  auto wrapper = std::make_shared<test::WrappingFileSystem>();
+  wrapper->replaceSupported = false;
+  {
+    auto cache = Open(1000, wrapper);
+    ASSERT_TRUE(Add(*cache, "a", "bytes"));
+    cache->FinaliseCache();
+  }
+  EXPECT_FALSE(stdfs::exists(stdfs::u8path(info + ".new")));
+  auto cache = Open(1000, wrapper);
+  EXPECT_EQ("bytes", Get(*cache, "a"));
+}
+
+}  // namespace
+}  // namespace oru
