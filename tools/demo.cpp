@@ -1,11 +1,17 @@
-// The liboru demo: the data road from a file on disk to typed reads.
+// The liboru demo: the data road from the download cache to typed reads.
 //
-// It packs a small gzip-compressed model file and a readme into a ZIP archive
-// on disk, then reads it back the way an application does: FileDataSource ->
-// ZipDataStream -> member by "zipdatastream://" URL -> DataStream with a
-// compressed section -> typed reads, and LineReader for the text. Finally it
-// reads a partly loaded (sparse) source the way a viewer would that fetches
-// byte ranges on demand.
+// It asks the on-disk cache for a scene archive by its URL. On the first run
+// the cache does not have it: the demo "downloads" it (packs a small
+// gzip-compressed model file and a readme into a ZIP archive on disk) and
+// adds it to the cache. A later run finds it in the cache, which survives
+// the process. Either way the archive is then read the way an application
+// does: cached file source -> ZipDataStream -> member by "zipdatastream://"
+// URL -> DataStream with a compressed section -> typed reads, and LineReader
+// for the text. Finally it reads a partly loaded (sparse) source the way a
+// viewer would that fetches byte ranges on demand.
+//
+//   oru_demo            use the cache as it is
+//   oru_demo --fresh    drop the scene from the cache first (as on a first run)
 #include <oru/oru.h>
 
 #include <zlib.h>
@@ -61,15 +67,8 @@ bool WriteFile(const std::string& path, const std::string& bytes) {
   return std::fclose(f) == 0 && ok;
 }
 
-}  // namespace
-
-int main() {
-  namespace fs = std::filesystem;
-  const fs::path dir = fs::temp_directory_path() / "oru_demo";
-  fs::create_directories(dir);
-  const std::string path = (dir / "scene.zip").string();
-
-  // 1. Pack the archive in memory and put it on disk.
+// Stands in for a download: packs the scene archive and writes it to `path`.
+bool DownloadScene(const std::string& path) {
   oru::ZipWriter writer;
   writer.AddFile(oru::InMemoryDataSource::Create(Gzip(MakeModel()), false), "models/cube.bin.gz");
   writer.AddFile(
@@ -78,20 +77,68 @@ int main() {
       "README.txt");
   auto archiveBytes = writer.GetDSForBuffer();
   auto* block = static_cast<oru::InMemoryDataSource*>(archiveBytes.get())->GetDataBuffer();
-  if (!WriteFile(path,
-                 std::string(reinterpret_cast<const char*>(block), archiveBytes->GetFileSize()))) {
-    std::cerr << "cannot write " << path << "\n";
+  return WriteFile(path,
+                   std::string(reinterpret_cast<const char*>(block), archiveBytes->GetFileSize()));
+}
+
+// The cached source for `name`, or null. The file systems of the library
+// answer before GetFile returns.
+std::shared_ptr<oru::DataSource> FromCache(oru::DataCache& cache, const std::string& name) {
+  std::shared_ptr<oru::DataSource> found;
+  cache.GetFile(name, [&found](std::shared_ptr<oru::DataSource> const& src, std::string const&) {
+    found = src;
+  });
+  return found;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  namespace fs = std::filesystem;
+  const std::string sceneUrl = "https://example.com/scenes/scene.zip";
+
+  // 1. Ask the download cache for the scene; fetch and add it when missing.
+  auto cache = oru::DataCache::Create(oru::CreateNativeFileSystem(), 64 << 20);
+  cache->Initialize();
+  if (!cache->Initialized()) {
+    std::cerr << "the cache directory cannot be prepared\n";
     return 1;
   }
+  if (argc > 1 && std::string(argv[1]) == "--fresh") {
+    // Only the demo's own entry: the directory is shared with every other
+    // program that uses the library's cache.
+    cache->RemoveFile(sceneUrl);
+    cache->FinaliseCache();
+  }
+  std::cout << "cache " << cache->GetCacheDir() << ": " << cache->GetTotalSize() << " of "
+            << cache->GetSizeLimit() << " bytes used\n";
 
-  // 2. Open it from disk as an archive of members addressed by URL.
-  auto file = oru::FileDataSource::Create(path);
-  if (!file) return 1;
+  auto file = FromCache(*cache, sceneUrl);
+  if (file) {
+    std::cout << "found " << sceneUrl << " in the cache (" << cache->GetExtraData(sceneUrl)
+              << "), added by an earlier run\n";
+  } else {
+    const fs::path download = fs::temp_directory_path() / "oru_demo_download.zip";
+    if (!DownloadScene(download.string())) {
+      std::cerr << "cannot write " << download.string() << "\n";
+      return 1;
+    }
+    bool added = false;
+    cache->AddFile(sceneUrl, oru::FileDataSource::Create(download.string()),
+                   [&added](bool ok) { added = ok; }, "downloaded by oru_demo");
+    fs::remove(download);
+    cache->FinaliseCache();  // the info file: the cache outlives this process
+    std::cout << "not cached yet: downloaded " << sceneUrl << " and added it: "
+              << (added ? "ok" : "FAILED") << " (run the demo again to find it cached)\n";
+    file = FromCache(*cache, sceneUrl);
+    if (!file) return 1;
+  }
+
+  // 2. Open it as an archive of members addressed by URL.
   auto zip = oru::ZipDataStream::Create(file);
   std::vector<std::string> members;
   if (!zip->IsValid() || !zip->ListContents(&members)) return 1;
-  std::cout << "archive " << path << " (" << file->GetFileSize() << " bytes) is "
-            << zip->GetUniqueId() << ":\n";
+  std::cout << "archive (" << file->GetFileSize() << " bytes) is " << zip->GetUniqueId() << ":\n";
   for (const auto& m : members) std::cout << "  " << m << "\n";
 
   const std::string url = zip->GetUniqueId() + "/Models/CUBE.bin.gz";  // any case
@@ -147,7 +194,5 @@ int main() {
   char tailText[9] = {};
   s.Read(tailText, 8);
   std::cout << "sparse read at 4096: " << tailText << "\n";
-
-  fs::remove_all(dir);
   return 0;
 }

@@ -264,8 +264,11 @@ void DataCache::SetupFileCache(InfoMap const& map) {
     const int64_t number = FileNumber(path, separator);
     if (number >= tempFileCounter) tempFileCounter = static_cast<int32_t>(number + 1);
 
+    // Only files found in the directory, and never the info file itself.
     FileStat st;
-    if (listed.find(path) == listed.end() || !fs.Stat(path.c_str(), st)) continue;
+    if (path == infoFilePath || listed.find(path) == listed.end() || !fs.Stat(path.c_str(), st)) {
+      continue;
+    }
     auto& slot = files[content.name];
     if (slot) {
       // Two files under one name (a hand-edited info file): the later wins

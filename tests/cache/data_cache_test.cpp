@@ -132,12 +132,14 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
   WriteFile(info, std::string("Version 1.8\n") + "12 some extra text\nmodel-a\n" +
                       "13 x\n\n" +       // empty logical name: ignored
                       "14\nno-space\n" +  // no space: ignored
+                      "info.txt x\nself\n" +  // never the info file itself
                       "---\nalias<<>>model-a\njunk line\n");
   Shift(info, 10);
   auto cache = Open();
   EXPECT_EQ("12", Get(*cache, "model-a"));
   EXPECT_EQ("some extra text", cache->GetExtraData("alias"));
   EXPECT_FALSE(cache->Contains("no-space"));
+  EXPECT_FALSE(cache->Contains("self"));
   EXPECT_EQ((std::unordered_set<std::string>{dir + sep + "12", info}), DirFiles());
 
   // Another version: nothing is trusted, everything but the info file goes.
