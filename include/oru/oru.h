@@ -24,3 +24,5 @@
 #include "oru/encoding.h"
 #include "oru/file_system.h"
 #include "oru/data_cache.h"
+#include "oru/symbol.h"
+#include "oru/simplified_regex.h"

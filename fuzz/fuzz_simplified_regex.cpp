@@ -1,0 +1,43 @@
+// SimplifiedRegex over arbitrary patterns and texts: a rejected pattern
+// (std::regex_error) is an expected outcome; a crash or a hang is not.
+// Whenever the pattern is a plain wildcard, the direct scan must give the
+// engine's answer.
+//
+// Input: one flag byte, the pattern, a NUL, the text. Patterns with
+// back-references are skipped: the engine matches those by backtracking,
+// which takes exponential time by nature.
+#include <oru/simplified_regex.h>
+
+#include <cstdint>
+#include <cstring>
+#include <regex>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1 || size > 4096) return 0;
+  const bool icase = data[0] & 1;
+  const char* begin = reinterpret_cast<const char*>(data + 1);
+  const char* end = reinterpret_cast<const char*>(data + size);
+  const char* split = static_cast<const char*>(std::memchr(begin, 0, end - begin));
+  if (split == nullptr) split = end;
+  const std::string pattern(begin, split);
+  const std::string text(split == end ? end : split + 1, end);
+  if (pattern.size() > 256) return 0;
+  for (size_t i = 0; i + 1 < pattern.size(); ++i) {
+    if (pattern[i] == '\\' && pattern[i + 1] >= '1' && pattern[i + 1] <= '9') return 0;
+  }
+
+  oru::SimplifiedRegex scan, engine;
+  engine.UseWildcardFastPath(false);
+  try {
+    scan.CompileRegex(pattern, icase);
+  } catch (const std::regex_error&) {
+    // Rejected: the object must now match every text.
+    if (!scan.MatchText(text)) __builtin_trap();
+    return 0;
+  }
+  engine.CompileRegex(pattern, icase);  // the same translation compiles again
+  const bool answer = engine.MatchText(text);
+  if (scan.UsesWildcardFastPath() && scan.MatchText(text) != answer) __builtin_trap();
+  return 0;
+}

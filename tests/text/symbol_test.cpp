@@ -1,0 +1,181 @@
+// Symbol: interning, release, the text operations and ordering, and the
+// table under contention.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "oru/symbol.h"
+
+namespace oru {
+namespace {
+
+TEST(Symbol, EmptyTextsGiveTheEmptySymbol) {
+  for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)), Symbol(std::string()),
+                          Symbol(BasicStringSpan<char const>()), Symbol()}) {
+    EXPECT_EQ(Symbol::EMPTY, s);
+    EXPECT_TRUE(s.empty());
+    EXPECT_EQ(0u, s.size());
+    EXPECT_EQ(0u, s.GetHash());
+    EXPECT_STREQ("", s.c_str());
+    EXPECT_EQ(s.begin(), s.end());
+    EXPECT_TRUE(s == "");
+    EXPECT_TRUE(std::string() == s);
+  }
+  EXPECT_TRUE(DualSymbol::EMPTY.empty());
+  EXPECT_FALSE(DualSymbol(Symbol(), Symbol("x")).empty());
+}
+
+TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
+  const uint64_t before = Symbol::GetInternedCount();
+  {
+    const char text[] = "interned-abc";
+    Symbol a(text);
+    Symbol b{std::string(text)};
+    Symbol c(BasicStringSpan<char const>(text, 12));
+    EXPECT_EQ(a.data(), b.data());
+    EXPECT_EQ(a.data(), c.data());
+    EXPECT_NE(static_cast<const void*>(text), a.data());
+    EXPECT_EQ(before + 1, Symbol::GetInternedCount());
+    Symbol moved(std::move(b));
+    EXPECT_TRUE(b.empty());
+    Symbol copy = moved;
+    copy = copy;  // self-assignment keeps the reference
+    EXPECT_EQ(a, copy);
+    EXPECT_NE(a, Symbol("interned-abd"));
+    // Assigning a symbol's own text to it must not free it on the way.
+    copy = copy.c_str();
+    EXPECT_EQ("interned-abc", std::string(copy));
+    a.clear();
+    c = Symbol::EMPTY;
+    moved.Swap(a);
+    EXPECT_TRUE(moved.empty());
+    EXPECT_EQ(before + 1, Symbol::GetInternedCount());
+  }
+  EXPECT_EQ(before, Symbol::GetInternedCount());
+}
+
+TEST(Symbol, HashIsFnv1a) {
+  EXPECT_EQ(0xAF63DC4C8601EC8Cull, Symbol("a").GetHash());
+  EXPECT_EQ(0x85944171F73967E8ull, Symbol("foobar").GetHash());
+  EXPECT_EQ(0xCBF29CE484222325ull, Symbol::Hash("", 0));
+  const std::string withNul("a\0b", 3);  // the hash runs over the bytes, NUL included
+  EXPECT_EQ(3u, Symbol(withNul).size());
+  EXPECT_NE(Symbol("a").GetHash(), Symbol(withNul).GetHash());
+  EXPECT_EQ(std::hash<Symbol>()(Symbol("a")), static_cast<size_t>(0xAF63DC4C8601EC8Cull));
+}
+
+TEST(Symbol, OrdersByUnsignedBytesShorterFirst) {
+  EXPECT_LT(Symbol("ab"), Symbol("abc"));
+  EXPECT_LT(Symbol("abc"), Symbol("abd"));
+  EXPECT_LT(Symbol(), Symbol("a"));
+  EXPECT_FALSE(Symbol() < Symbol());
+  EXPECT_FALSE(Symbol("a") < Symbol());
+  EXPECT_FALSE(Symbol("b") < Symbol("b"));
+  EXPECT_LT(Symbol("z"), Symbol("\x80"));  // unsigned: 0x80 sorts after letters
+  EXPECT_LT(Symbol("a\0"), Symbol(std::string("a\0", 2)));
+}
+
+TEST(Symbol, TextOperationsFollowStdString) {
+  const Symbol s("path/to/file.tar.gz");
+  const std::string t(s);
+  EXPECT_EQ(t.size(), s.length());
+  EXPECT_EQ('p', s[0]);
+  for (char c : {'/', '.', 'z', 'q'}) {
+    EXPECT_EQ(t.find(c), s.find(c)) << c;
+    EXPECT_EQ(t.find(c, 5), s.find(c, 5)) << c;
+    EXPECT_EQ(t.rfind(c), s.rfind(c)) << c;
+    EXPECT_EQ(t.rfind(c, 6), s.rfind(c, 6)) << c;
+  }
+  EXPECT_EQ(t.find("to"), s.find("to"));
+  EXPECT_EQ(Symbol::npos, s.find("nope"));
+  EXPECT_EQ(Symbol::npos, s.find(static_cast<const char*>(nullptr)));
+  EXPECT_EQ(Symbol::npos, Symbol().find('a'));
+  EXPECT_EQ("file", s.substr(8, 4));
+  EXPECT_EQ("gz", s.substr(17));
+  EXPECT_EQ("", s.substr(s.size()));
+  EXPECT_THROW(s.substr(s.size() + 1), std::out_of_range);
+  EXPECT_TRUE(s == t && t == s && s == t.c_str() && t.c_str() == s);
+  EXPECT_FALSE(s == "path/to/file.tar.g");
+  BasicStringSpan<char const> span = s;
+  EXPECT_EQ(t.size(), span.size());
+}
+
+TEST(Symbol, PrintsAndReadsWords) {
+  std::ostringstream out;
+  out << Symbol("hello") << '|';
+  Symbol("world").Print(out);
+  EXPECT_EQ("hello|world", out.str());
+  std::istringstream in("  first second");
+  Symbol s;
+  s.Read(in);
+  EXPECT_EQ(Symbol("first"), s);
+  s.Read(in);
+  EXPECT_EQ(Symbol("second"), s);
+  s.Read(in);  // nothing left: unchanged
+  EXPECT_EQ(Symbol("second"), s);
+}
+
+TEST(Symbol, TableSurvivesGrowthAndRemovalInAnyOrder) {
+  // Enough texts to grow every shard several times, then removal in random
+  // order, checking that every survivor is still found as itself.
+  const uint64_t before = Symbol::GetInternedCount();
+  std::vector<Symbol> held;
+  std::vector<std::string> texts;
+  for (int i = 0; i < 20000; ++i) {
+    texts.push_back("text-" + std::to_string(i * 7919));
+    held.emplace_back(texts.back());
+  }
+  EXPECT_EQ(before + 20000, Symbol::GetInternedCount());
+  std::mt19937 rng(7);
+  std::vector<size_t> order(held.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::shuffle(order.begin(), order.end(), rng);
+  for (size_t k = 0; k < order.size(); ++k) {
+    held[order[k]].clear();
+    if (k % 997 == 0) {
+      for (size_t j = k + 1; j < order.size(); j += 13) {
+        ASSERT_EQ(held[order[j]], Symbol(texts[order[j]])) << texts[order[j]];
+      }
+    }
+  }
+  EXPECT_EQ(before, Symbol::GetInternedCount());
+}
+
+TEST(Symbol, InterningAndReleaseAreSafeUnderContention) {
+  Symbol::EnableLocking();
+  std::vector<std::string> texts;
+  for (int i = 0; i < 300; ++i) texts.push_back("shared-" + std::to_string(i));
+  const uint64_t before = Symbol::GetInternedCount();
+  std::atomic<bool> failed{false};
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 rng(t);
+      std::vector<Symbol> mine(16);
+      for (int i = 0; i < 400000 && std::chrono::steady_clock::now() < deadline; ++i) {
+        const std::string& text = texts[rng() % texts.size()];
+        Symbol s(text);
+        Symbol& slot = mine[rng() % mine.size()];
+        // A symbol held by another thread is never freed under it: its
+        // text stays intact and it stays the one entry for that text.
+        if (!slot.empty() && !(slot == Symbol(std::string(slot)))) failed = true;
+        if (!(s == text)) failed = true;
+        slot = (i % 3 == 0) ? Symbol() : s;
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(before, Symbol::GetInternedCount());
+}
+
+}  // namespace
+}  // namespace oru
