@@ -26,3 +26,5 @@
 #include "oru/data_cache.h"
 #include "oru/symbol.h"
 #include "oru/simplified_regex.h"
+#include "oru/sha1.h"
+#include "oru/flag_set.h"

@@ -48,7 +48,9 @@ class JsonFormatter;
 
 class ORU_API Symbol {
 public:
-  static constexpr uint64_t npos = ~uint64_t(0);
+  // An enumerator rather than a static member: nothing to import from the
+  // DLL when it is used by reference.
+  enum : uint64_t { npos = ~uint64_t(0) };
   static const Symbol EMPTY;
 
   Symbol() noexcept = default;
