@@ -255,6 +255,7 @@ void DataCache::SetupFileCache(InfoMap const& map) {
     if (path != infoFilePath && map.find(path) == map.end()) fs.Unlink(path.c_str());
   }
 
+  files.reserve(files.size() + map.size());
   FileStat infoStat;
   const int64_t infoTime = fs.Stat(infoFilePath.c_str(), infoStat) ? infoStat.modifyTime : 0;
   bool stale = false;

@@ -191,8 +191,7 @@ std::string StdioFileSystem::ReadLine(std::shared_ptr<FSFilePointer> const& fp) 
   std::string line;
   std::FILE* f = FileOf(keep);
   if (f == nullptr) return line;
-  char c = 0;
-  while (std::fread(&c, 1, 1, f) == 1 && c != '\n') line += c;
+  detail::ReadLineFromFile(f, line);
   return line;
 }
 

@@ -35,6 +35,10 @@ bool TemporaryDirectory(std::string& out);
 // `separator` is the one the caller's paths use.
 bool ListDirectory(const std::string& dir, char separator,
                    const std::function<void(const std::string&)>& entry);
+// Appends the bytes up to the next '\n' (consumed, not appended) or the end
+// of the file to `line`, as one-byte freads would, but under one lock of
+// the stream instead of one per byte.
+void ReadLineFromFile(std::FILE* f, std::string& line);
 // Renames `from` to `to`, replacing `to` when it exists, in one step.
 bool RenameReplacing(const std::string& from, const std::string& to);
 

@@ -79,6 +79,12 @@ bool ListDirectory(const std::string& dir, char /*separator*/,
   return true;
 }
 
+void ReadLineFromFile(std::FILE* f, std::string& line) {
+  flockfile(f);
+  for (int c; (c = getc_unlocked(f)) != EOF && c != '\n';) line += static_cast<char>(c);
+  funlockfile(f);
+}
+
 bool RenameReplacing(const std::string& from, const std::string& to) {
   return std::rename(from.c_str(), to.c_str()) == 0;
 }

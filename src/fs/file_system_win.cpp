@@ -96,6 +96,12 @@ bool ListDirectory(const std::string& dir, char separator,
   return true;
 }
 
+void ReadLineFromFile(std::FILE* f, std::string& line) {
+  _lock_file(f);
+  for (int c; (c = _getc_nolock(f)) != EOF && c != '\n';) line += static_cast<char>(c);
+  _unlock_file(f);
+}
+
 bool RenameReplacing(const std::string& from, const std::string& to) {
   return MoveFileExW(Wide(from).c_str(), Wide(to).c_str(),
                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
