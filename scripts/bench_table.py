@@ -39,6 +39,7 @@ TARGETS = {
     "BM_SymbolCopy": 1.0,
     "BM_WildcardMatch": None,
     "BM_FlagSetScan": 1.0,
+    "BM_JsonWrite": 0.8,
 }
 
 PEERS = {
@@ -59,6 +60,7 @@ PEERS = {
     "BM_SymbolCopy": "copying std::shared_ptr<const std::string>",
     "BM_WildcardMatch": "fnmatch(3) with \"*.txt*\"",
     "BM_FlagSetScan": "std::bitset<1000000> _Find_first/_Find_next",
+    "BM_JsonWrite": "RapidJSON PrettyWriter over OStreamWrapper",
 }
 
 # Jobs measured against n instead of a peer: what one pass does, how many

@@ -28,3 +28,4 @@
 #include "oru/simplified_regex.h"
 #include "oru/sha1.h"
 #include "oru/flag_set.h"
+#include "oru/json_formatter.h"

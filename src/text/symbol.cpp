@@ -18,6 +18,8 @@
 // so none touches a freed one.
 #include "oru/symbol.h"
 
+#include "oru/json_formatter.h"
+
 #include <cstddef>
 #include <cstring>
 #include <istream>
@@ -318,6 +320,10 @@ bool operator<(const Symbol& a, const Symbol& b) noexcept {
   const size_t n = static_cast<size_t>(std::min(a.size(), b.size()));
   const int c = std::memcmp(a.data(), b.data(), n);  // memcmp compares unsigned bytes
   return c != 0 ? c < 0 : a.size() < b.size();
+}
+
+void GenerateJson(JsonFormatter& formatter, const Symbol& symbol) {
+  formatter.FormatString(symbol);
 }
 
 std::ostream& operator<<(std::ostream& out, const Symbol& s) {

@@ -1,0 +1,326 @@
+// JsonFormatter: exact texts for layout, numbers and escapes, and a random
+// document written on one line and pretty, read back by Python's json.
+#include "oru/json_formatter.h"
+#include "oru/symbol.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iomanip>
+#include <limits>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "support/test_util.h"
+
+namespace oru::test {
+namespace {
+
+std::string Json(unsigned indentStep, const std::function<void(JsonFormatter&)>& calls) {
+  std::ostringstream out;
+  JsonFormatter json(out, indentStep);
+  calls(json);
+  return out.str();
+}
+
+// Plays a script of calls, one character each: brackets, ',' and ':' are
+// themselves, a letter is that one-letter string, a digit that integer,
+// 'N' null, 'T' true, 'C' and 'P' switch compact mode on and off.
+std::string Json(unsigned indentStep, const std::string& script) {
+  static const std::map<char, void (JsonFormatter::*)()> CALLS = {
+      {'{', &JsonFormatter::StartObject},   {'}', &JsonFormatter::FinishObject},
+      {'[', &JsonFormatter::StartArray},    {']', &JsonFormatter::FinishArray},
+      {',', &JsonFormatter::ItemSeparator}, {':', &JsonFormatter::NameValueSeparator},
+      {'N', &JsonFormatter::FormatNull}};
+  return Json(indentStep, [&](JsonFormatter& j) {
+    for (char c : script) {
+      if (auto call = CALLS.find(c); call != CALLS.end())
+        (j.*call->second)();
+      else if (c == 'T')
+        j.FormatBoolean(true);
+      else if (c == 'C' || c == 'P')
+        j.SetCompactPrettyPrint(c == 'C');
+      else if (c >= '0' && c <= '9')
+        j.FormatSigned(c - '0');
+      else
+        j.FormatString(std::string(1, c));
+    }
+  });
+}
+
+TEST(JsonFormatterTest, Layout) {
+  EXPECT_EQ(Json(0, "{a:1}"), R"({"a":1})");
+  EXPECT_EQ(Json(2, "{a:1}"), "{\n  \"a\" : 1\n}");
+  EXPECT_EQ(Json(0, "{a:[1,2],b:{},c:[]}"), R"({"a":[1,2],"b":{},"c":[]})");
+  // A bracket closed right after an empty compound stays on its line.
+  EXPECT_EQ(Json(2, "{a:[1,2],b:{},c:[]}"),
+            "{\n  \"a\" : [\n    1,\n    2\n  ],\n  \"b\" : {},\n  \"c\" : []}");
+  EXPECT_EQ(Json(2, "[]"), "[]");
+  // Indentation deeper than one run of spaces.
+  EXPECT_EQ(Json(150, "[[N"),
+            "[\n" + std::string(150, ' ') + "[\n" + std::string(300, ' ') + "null");
+  // Closing more than was opened stays at column 0.
+  EXPECT_EQ(Json(2, "}][T]"), "\n}\n][\n  true\n]");
+}
+
+TEST(JsonFormatterTest, CompactModeInsidePrettyOutput) {
+  EXPECT_EQ(Json(2, "{a:C[1,2]P,b:N}"), "{\n  \"a\" : [ 1,  2 ],\n  \"b\" : null\n}");
+  EXPECT_EQ(Json(0, "{a:C[1,2]P,b:N}"), R"({"a":[1,2],"b":null})");
+  // A line break due when compact mode starts is written first.
+  EXPECT_EQ(Json(2, "[C1,2P]"), "[\n  1,  2\n]");
+  std::ostringstream out;
+  JsonFormatter json(out, 2);
+  EXPECT_FALSE(json.SetCompactPrettyPrint(true));
+  EXPECT_TRUE(json.SetCompactPrettyPrint(true));
+  EXPECT_TRUE(json.SetCompactPrettyPrint(false));
+  EXPECT_FALSE(json.SetCompactPrettyPrint(false));
+}
+
+TEST(JsonFormatterTest, NumbersAndLiterals) {
+  auto text = [](auto value) { return Json(0, [&](auto& j) { j.FormatFloating(value); }); };
+  const double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(text(0.0), "0.0");
+  EXPECT_EQ(text(-0.0), "-0.0");
+  EXPECT_EQ(text(inf) + text(-inf) + text(std::nan("")), "nullnullnull");
+  EXPECT_EQ(text(2.0), "2.0");
+  EXPECT_EQ(text(-2.0), "-2.0");
+  EXPECT_EQ(text(0.1), "0.1");
+  EXPECT_EQ(text(1e20), "100000000000000000000.0");
+  EXPECT_EQ(text(1e-7), "0.0000001");
+  EXPECT_EQ(text(9.87654321e-8), "9.87654e-08");
+  EXPECT_EQ(text(-1.234567e-300), "-1.23457e-300");
+  EXPECT_EQ(text(0.1f), "0.10000000149011612");
+  EXPECT_EQ(text(std::numeric_limits<double>::max()).size(), 309u + 2u);
+
+  // The caller's stream settings neither apply nor change.
+  std::ostringstream out;
+  out << std::hex << std::showpos << std::scientific << std::setprecision(2);
+  JsonFormatter json(out, 0);
+  json.FormatFloating(0.5), json.ItemSeparator(), json.FormatSigned(-255);
+  json.ItemSeparator(), json.FormatUnsigned(255);
+  EXPECT_EQ(out.str(), "0.5,-255,255");
+  EXPECT_EQ(out.precision(), 2);
+  EXPECT_EQ(out.flags(),
+            std::ios::hex | std::ios::showpos | std::ios::scientific | std::ios::skipws);
+
+  EXPECT_EQ(Json(0,
+                 [](auto& j) {
+                   j.FormatSigned(INT64_MIN), j.FormatSigned(INT64_MAX);
+                   j.FormatUnsigned(UINT64_MAX), j.FormatUnsigned(0);
+                   j.FormatBoolean(false), j.FormatNull();
+                 }),
+            "-9223372036854775808922337203685477580718446744073709551615"
+            "0falsenull");
+
+  int x = 0;
+  for (const void* p : {static_cast<const void*>(&x), static_cast<const void*>(nullptr)}) {
+    std::ostringstream ref;
+    ref << p;
+    EXPECT_EQ(Json(0, [&](auto& j) { j.FormatPointer(p); }), "\"" + ref.str() + "\"");
+  }
+}
+
+TEST(JsonFormatterTest, StringEscapes) {
+  auto text = [](std::string s) { return Json(0, [&](auto& j) { j.FormatString(s); }); };
+  EXPECT_EQ(text(std::string("\"\\\b\f\n\r\t\x01\x1f\0/\x7f \xC3\xA9", 15)),
+            R"("\"\\\b\f\n\r\t\u0001\u001f\u0000/)"
+            "\x7f \xC3\xA9\"");
+  EXPECT_EQ(text(""), "\"\"");
+  // Runs longer than the formatter's staging buffer, escapes at its edges.
+  for (std::size_t n : {510u, 511u, 512u, 513u, 2000u}) {
+    const std::string run(n, 'x');
+    EXPECT_EQ(text(run + "\x02" + run), "\"" + run + "\\u0002" + run + "\"") << n;
+  }
+}
+
+TEST(JsonFormatterTest, PathsAreUtf8) {
+  // "dir/grüß/€ 😀.txt"
+  const std::string utf8 = "dir/gr\xC3\xBC\xC3\x9F/\xE2\x82\xAC \xF0\x9F\x98\x80.txt";
+  const std::filesystem::path path(std::u8string(utf8.begin(), utf8.end()));
+  EXPECT_EQ(PathToString(path), utf8);
+  EXPECT_EQ(PathToString(std::filesystem::path()), "");
+  EXPECT_EQ(Json(2, [&](auto& j) { GenerateJson(j, path); }), "\"" + utf8 + "\"");
+  EXPECT_EQ(Json(0, [](auto& j) { GenerateJson(j, std::filesystem::path(u8"a\"b")); }),
+            R"("a\"b")");
+}
+
+// ---- a random document read back by Python ---------------------------------
+
+std::string Utf8(char32_t c) {
+  if (c < 0x80) return std::string(1, static_cast<char>(c));
+  const int n = c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+  std::string s(static_cast<std::size_t>(n), '\0');
+  for (int i = n - 1; i > 0; --i, c >>= 6) s[i] = static_cast<char>(0x80 | (c & 0x3F));
+  s[0] = static_cast<char>(((0xFF00 >> n) & 0xFF) | c);
+  return s;
+}
+
+// Writes nested objects and arrays with random leaves through a formatter
+// and, alongside, the same document as a Python expression: S('<hex UTF-8>')
+// for a string, D('<hex bits>') for a finite double, ints, True/False/None.
+class RandomDocument {
+public:
+  RandomDocument(JsonFormatter& json, bool toggleCompact)
+      : m_json(json), m_toggleCompact(toggleCompact) {
+    Compound(0, false, 60);
+  }
+  const std::string& Expected() const { return m_expected; }
+
+private:
+  unsigned Pick(unsigned n) { return static_cast<unsigned>(m_rng() % n); }
+
+  // Control bytes, characters to escape, UTF-8 of one to four bytes; now and
+  // then longer than the formatter's staging buffer; `tail` is appended.
+  std::string Text(const std::string& tail = {}) {
+    std::string s;
+    for (unsigned n = Pick(10) == 0 ? 700 : Pick(24); n > 0; --n) {
+      const char32_t c = Pick(4) == 0   ? Pick(0x20)
+                         : Pick(3) == 0 ? "\"\\/"[Pick(3)]
+                         : Pick(2) == 0 ? 0x20 + Pick(0x60)
+                                        : 0x80 + Pick(0x10FF80);
+      s += Utf8(c >= 0xD800 && c < 0xE000 ? c - 0x800 : c);
+    }
+    s += tail;
+    std::string quoted = "S('";
+    char hex[3];
+    for (unsigned char b : s) std::snprintf(hex, sizeof hex, "%02x", b), quoted += hex;
+    m_expected += quoted + "')";
+    return s;
+  }
+
+  void Double() {
+    static const double SPECIAL[] = {
+        DBL_MAX, DBL_MIN, DBL_TRUE_MIN, 1e-7, std::nextafter(1e-7, 0.0),
+        0.0,     12345.0, INFINITY,     NAN};
+    double v = Pick(4) == 0
+                   ? SPECIAL[Pick(9)]
+                   : (1 + Pick(1u << 30) / double(1u << 30)) * std::pow(10.0, int(Pick(630)) - 322);
+    if (Pick(2)) v = -v;
+    if (Pick(8) == 0) v = static_cast<float>(v);
+    m_json.FormatFloating(v);
+    uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    char text[32];
+    std::snprintf(text, sizeof text, "D('%016" PRIx64 "')", bits);
+    m_expected += std::isfinite(v) ? text : "None";
+  }
+
+  void Compound(int depth, bool object, unsigned count) {
+    object ? m_json.StartObject() : m_json.StartArray();
+    m_expected += object ? "{" : "[";
+    for (unsigned i = 0; i < count; ++i) {
+      if (i > 0) m_json.ItemSeparator(), m_expected += ", ";
+      if (m_toggleCompact && Pick(8) == 0) m_json.SetCompactPrettyPrint(Pick(2) != 0);
+      if (object) {
+        m_json.FormatString(Text(std::to_string(i)));  // unique names
+        m_json.NameValueSeparator(), m_expected += ": ";
+      }
+      Value(depth + 1);
+    }
+    object ? m_json.FinishObject() : m_json.FinishArray();
+    m_expected += object ? "}" : "]";
+  }
+
+  void Value(int depth) {
+    static const int64_t LIMITS[] = {INT64_MIN, INT64_MAX, -1, 0};
+    switch (Pick(depth < 4 ? 9 : 7)) {
+      case 0:
+        m_json.FormatString(Text());
+        break;
+      case 1: {
+        const int64_t v = Pick(2) ? LIMITS[Pick(4)] : static_cast<int64_t>(m_rng());
+        m_json.FormatSigned(v), m_expected += std::to_string(v);
+        break;
+      }
+      case 2: {
+        const uint64_t v = Pick(2) ? UINT64_MAX : m_rng();
+        m_json.FormatUnsigned(v), m_expected += std::to_string(v);
+        break;
+      }
+      case 3:
+      case 4:
+        Double();
+        break;
+      case 5: {
+        const bool b = Pick(2);
+        m_json.FormatBoolean(b), m_expected += b ? "True" : "False";
+        break;
+      }
+      case 6:
+        m_json.FormatNull(), m_expected += "None";
+        break;
+      default:
+        Compound(depth, Pick(2) != 0, Pick(6));
+    }
+  }
+
+  JsonFormatter& m_json;
+  bool m_toggleCompact;
+  std::mt19937_64 m_rng{7};
+  std::string m_expected;
+};
+
+// Parses argv[1] strictly (UTF-8, no bare NaN or Infinity) and compares it
+// with the expression in argv[2]; doubles by their bits, so that -0.0 counts.
+// Below 1e-7 the writer keeps 5 decimals: Python's own "%.5e" says what
+// those must read back as.
+constexpr const char* READ_BACK = R"(import json, struct, sys
+def D(bits):
+    v = struct.unpack('>d', bytes.fromhex(bits))[0]
+    return float('%.5e' % v) if 0 < abs(v) < 1e-7 else v
+def S(hex): return bytes.fromhex(hex).decode('utf-8')
+def canon(v):
+    if isinstance(v, float): return ('float', struct.pack('>d', v).hex())
+    if isinstance(v, list): return [canon(x) for x in v]
+    if isinstance(v, dict): return [(k, canon(x)) for k, x in v.items()]
+    return (type(v).__name__, v)
+def bare(name): raise ValueError(name)
+got = json.loads(open(sys.argv[1], 'rb').read().decode('utf-8'), parse_constant=bare)
+want = eval(open(sys.argv[2]).read())
+sys.exit(0 if canon(got) == canon(want) else 'the document reads back differently')
+)";
+
+TEST(JsonFormatterTest, RandomDocumentReadsBackInPython) {
+  if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
+  TempDir dir;
+  WriteFile(dir.File("read_back.py"), READ_BACK);
+  for (unsigned indentStep : {0u, 3u}) {
+    std::ostringstream out;
+    JsonFormatter json(out, indentStep);
+    RandomDocument doc(json, indentStep != 0);
+    EXPECT_EQ(out.str().find('\n') == std::string::npos, indentStep == 0);
+    WriteFile(dir.File("doc.json"), out.str());
+    WriteFile(dir.File("expected.py"), doc.Expected());
+    EXPECT_EQ(oru::test::Run("python3 '" + dir.File("read_back.py") + "' '" + dir.File("doc.json") +
+                             "' '" + dir.File("expected.py") + "'"),
+              0)
+        << "indent step " << indentStep;
+  }
+}
+
+}  // namespace
+}  // namespace oru::test
+
+namespace oru {
+namespace {
+
+TEST(JsonFormatterSymbol, WritesTheSymbolsText) {
+  std::ostringstream out;
+  JsonFormatter json(out, 0);
+  json.StartArray();
+  GenerateJson(json, Symbol("a \"quoted\"\nname"));
+  json.ItemSeparator();
+  GenerateJson(json, Symbol());
+  json.FinishArray();
+  EXPECT_EQ("[\"a \\\"quoted\\\"\\nname\",\"\"]", out.str());
+}
+
+}  // namespace
+}  // namespace oru
