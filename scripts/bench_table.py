@@ -40,6 +40,10 @@ TARGETS = {
     "BM_WildcardMatch": None,
     "BM_FlagSetScan": 1.0,
     "BM_JsonWrite": 0.8,
+    "BM_Alloc16": None,
+    "BM_Alloc16Threads2": None,
+    "BM_RemoteRoundTrip": None,  # a latency target: ours <= 1.2x the peer's time, i.e. ratio >= 0.83
+    "BM_TaskPool1M": None,  # within 3x of oneTBB: ratio >= 0.33
 }
 
 PEERS = {
@@ -61,6 +65,10 @@ PEERS = {
     "BM_WildcardMatch": "fnmatch(3) with \"*.txt*\"",
     "BM_FlagSetScan": "std::bitset<1000000> _Find_first/_Find_next",
     "BM_JsonWrite": "RapidJSON PrettyWriter over OStreamWrapper",
+    "BM_Alloc16": "malloc(16) + free",
+    "BM_Alloc16Threads2": "malloc(16) + free on 2 threads",
+    "BM_RemoteRoundTrip": "std::packaged_task on a mutex/condition-variable worker",
+    "BM_TaskPool1M": "oneTBB task_group in a task_arena of the same size",
 }
 
 # Jobs measured against n instead of a peer: what one pass does, how many

@@ -29,3 +29,7 @@
 #include "oru/sha1.h"
 #include "oru/flag_set.h"
 #include "oru/json_formatter.h"
+#include "oru/performance_counter.h"
+#include "oru/memory.h"
+#include "oru/remote_call.h"
+#include "oru/task.h"

@@ -3,6 +3,8 @@
 #include <zlib.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -220,12 +222,26 @@ bool ChildProcess::Running() {
 #else
   int raw = 0;
   if (waitpid(static_cast<pid_t>(m_handle), &raw, WNOHANG) == 0) return true;
+  m_status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
   m_handle = -1;  // reaped
   return false;
 #endif
 }
 
+int ChildProcess::WaitFor(int seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (Running()) {
+    if (std::chrono::steady_clock::now() > end) {
+      Kill();
+      return -2;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return Wait();
+}
+
 int ChildProcess::Wait() {
+  if (m_handle == -1) return m_status;
   int status = -1;
 #ifdef _WIN32
   WaitForSingleObject(reinterpret_cast<HANDLE>(m_handle), INFINITE);

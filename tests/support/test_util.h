@@ -93,11 +93,15 @@ public:
   void Kill();
   // False once the process has ended (by itself or killed).
   bool Running();
-  // Waits for a normal end; the exit status.
+  // Waits for a normal end; the exit status (-1 when it did not exit
+  // normally).
   int Wait();
+  // As Wait, but kills the process after `seconds` and returns -2.
+  int WaitFor(int seconds);
 
 private:
   intptr_t m_handle = -1;
+  int m_status = -1;  // once reaped by Running()
 };
 
 }  // namespace oru::test

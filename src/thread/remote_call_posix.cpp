@@ -1,0 +1,15 @@
+// POSIX: no window messages to pump; thread ids from gettid().
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "thread/remote_call_platform.h"
+
+namespace oru::detail {
+
+void PumpThreadMessages() {}
+
+uint64_t CurrentThreadId() {
+  return static_cast<uint64_t>(syscall(SYS_gettid));
+}
+
+}  // namespace oru::detail

@@ -1,0 +1,248 @@
+// RemoteCall_thread and RemoteCall_messenger: ordering, inline runs on the
+// own thread, the timer in both period modes, broken promises on
+// termination, messenger notifications, and posting under load.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "oru/remote_call.h"
+
+namespace oru {
+namespace {
+
+using namespace std::chrono_literals;
+
+bool IsBroken(std::future<void>& f) {
+  try {
+    f.get();
+  } catch (const std::future_error& e) {
+    return e.code() == std::future_errc::broken_promise;
+  }
+  return false;
+}
+
+TEST(RemoteCallThread, RunsCallsInOrderOnItsOwnThread) {
+  RemoteCall_thread worker(false);  // the argument is ignored: always its own thread
+  EXPECT_FALSE(worker.IsInRemoteThread());
+  std::vector<int> order;
+  std::vector<std::future<void>> done;
+  for (int i = 0; i < 100; ++i) done.push_back(worker.Post([&order, i] { order.push_back(i); }));
+  auto where = worker.Post([&] { return std::make_pair(worker.IsInRemoteThread(),
+                                                       RemoteCall_thread::GetCurrentThreadId()); });
+  const auto [inside, id] = where.get();
+  EXPECT_TRUE(inside);
+  EXPECT_NE(RemoteCall_thread::GetCurrentThreadId(), id);
+  for (auto& f : done) f.get();
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(i, order[i]);
+  EXPECT_TRUE(worker.MainThreadQueueEmpty());
+
+  // From the loop itself: inline unless forced into the queue.
+  auto ranLater = std::make_shared<std::atomic<bool>>(false);
+  auto nested = worker.Post([&worker, ranLater] {
+    bool ranInline = false;
+    worker.Post([&ranInline] { ranInline = true; });
+    worker.Post([ranLater] { *ranLater = true; }, /*forceQueue=*/true);
+    return ranInline && !*ranLater;
+  });
+  EXPECT_TRUE(nested.get());
+  worker.Post([] {}).get();
+  EXPECT_TRUE(*ranLater);
+
+  // Exceptions travel through the future.
+  auto failing = worker.Post([]() -> int { throw std::runtime_error("inside"); });
+  EXPECT_THROW(failing.get(), std::runtime_error);
+  worker.RunMainThread();  // does nothing
+  worker.Terminate();
+}
+
+TEST(RemoteCallThread, TerminationBreaksThePromisesOfQueuedCalls) {
+  RemoteCall_thread worker;
+  std::promise<void> gate;
+  std::shared_future<void> open = gate.get_future().share();
+  std::promise<void> started;
+  auto blocker = worker.Post([open, &started] {
+    started.set_value();
+    open.wait();
+  });
+  started.get_future().wait();
+  std::atomic<int> ran{0};
+  std::vector<std::future<void>> queued;
+  for (int i = 0; i < 10; ++i) queued.push_back(worker.Post([&ran] { ++ran; }));
+  std::thread terminator([&] { worker.Terminate(); });
+  // Once posts are dropped at once, the loop is flagged: open the gate.
+  for (;;) {
+    auto probe = worker.Post([] {});
+    if (probe.wait_for(0s) == std::future_status::ready) break;
+    std::this_thread::yield();
+  }
+  gate.set_value();
+  terminator.join();
+  blocker.get();
+  EXPECT_EQ(0, ran);
+  for (auto& f : queued) EXPECT_TRUE(IsBroken(f));
+  auto late = worker.Post([&ran] { ++ran; });
+  EXPECT_TRUE(IsBroken(late));
+  worker.DisableTimer();  // harmless after termination
+}
+
+// The timer's argument: about the period when measured start to start, a
+// fifth of it when measured end to start. Times are checked loosely.
+TEST(RemoteCallThread, TimerArgumentFollowsThePeriodMode) {
+  for (bool prioritise : {true, false}) {
+    RemoteCall_thread worker;
+    worker.SetProritiseTimer(prioritise);
+    std::mutex m;
+    std::vector<int64_t> budgets;
+    std::vector<std::chrono::steady_clock::time_point> ticks;
+    worker.AddIntervalCallback(10, [&](std::chrono::milliseconds budget) {
+      std::lock_guard<std::mutex> lock(m);
+      budgets.push_back(budget.count());
+      ticks.push_back(std::chrono::steady_clock::now());
+    });
+    worker.EnableTimer();
+    std::this_thread::sleep_for(300ms);
+    worker.DisableTimer();
+    worker.Post([] {}).get();
+    std::lock_guard<std::mutex> lock(m);
+    ASSERT_GE(budgets.size(), 5u) << "prioritise " << prioritise;
+    const size_t n = budgets.size();
+    for (int64_t b : budgets) {
+      if (prioritise) {
+        EXPECT_GE(b, 5);
+        EXPECT_LE(b, 10);
+      } else {
+        EXPECT_EQ(2, b);
+      }
+    }
+    // Roughly every 10 ms: not a busy loop, not stalled.
+    EXPECT_LE(n, 40u);
+    const auto span = std::chrono::duration_cast<std::chrono::milliseconds>(ticks.back() - ticks.front());
+    EXPECT_GE(span.count(), static_cast<int64_t>(n - 1) * 5);
+    worker.Terminate();
+  }
+}
+
+TEST(RemoteCallThread, QueuedCallsStillRunWhileTheTimerTicks) {
+  RemoteCall_thread worker;
+  std::atomic<int> ticks{0};
+  worker.AddIntervalCallback(5, [&](std::chrono::milliseconds) { ++ticks; });
+  worker.EnableTimer();
+  int sum = 0;
+  for (int i = 0; i < 1000; ++i) sum += worker.Post([i] { return i; }).get();
+  EXPECT_EQ(999 * 1000 / 2, sum);
+  std::this_thread::sleep_for(30ms);
+  EXPECT_GT(ticks, 0);
+  worker.Terminate();
+}
+
+TEST(RemoteCallThread, NothingIsLostUnderLoadAndOrderHoldsPerPoster) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+  constexpr int PER_POSTER = 25000;  // the sanitizers make each call far slower
+#else
+  constexpr int PER_POSTER = 250000;
+#endif
+  constexpr int POSTERS = 4;
+  RemoteCall_thread worker;
+  std::vector<std::vector<int>> seen(POSTERS);  // touched only on the loop
+  std::vector<std::thread> posters;
+  std::vector<std::future<void>> last(POSTERS);
+  for (int p = 0; p < POSTERS; ++p) {
+    posters.emplace_back([&, p] {
+      for (int i = 0; i < PER_POSTER; ++i) {
+        auto f = worker.Post([&seen, p, i] { seen[p].push_back(i); });
+        if (i + 1 == PER_POSTER) last[p] = std::move(f);
+      }
+    });
+  }
+  for (auto& t : posters) t.join();
+  for (auto& f : last) f.get();
+  for (int p = 0; p < POSTERS; ++p) {
+    ASSERT_EQ(static_cast<size_t>(PER_POSTER), seen[p].size());
+    for (int i = 0; i < PER_POSTER; ++i) ASSERT_EQ(i, seen[p][i]);
+  }
+  worker.Terminate();
+}
+
+TEST(RemoteCallThread, TerminateRacingPostersNeverRunsLateAndNeverLosesAPromise) {
+  for (int round = 0; round < 20; ++round) {
+    RemoteCall_thread worker;
+    std::atomic<bool> returned{false};
+    std::atomic<bool> lateRun{false};
+    std::vector<std::vector<std::future<void>>> futures(3);
+    std::vector<std::thread> posters;
+    for (int p = 0; p < 3; ++p) {
+      posters.emplace_back([&, p] {
+        for (int i = 0; i < 2000; ++i) {
+          futures[p].push_back(worker.Post([&] {
+            if (returned) lateRun = true;
+          }));
+        }
+      });
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(200 * round));
+    worker.Terminate();
+    returned = true;
+    for (auto& t : posters) t.join();
+    EXPECT_FALSE(lateRun);
+    for (auto& list : futures) {
+      for (auto& f : list) {
+        // Every future is settled: run (value) or dropped (broken promise).
+        ASSERT_EQ(std::future_status::ready, f.wait_for(0s));
+      }
+    }
+  }
+}
+
+class CountingMessenger : public RemoteCall_messenger {
+public:
+  std::atomic<int> notifications{0};
+  void OnNeedToProcessQueue_thread() override { ++notifications; }
+};
+
+TEST(RemoteCallMessenger, NotifiesOncePerBatchAndRunsOnTheAppThread) {
+  CountingMessenger messenger;
+  EXPECT_TRUE(messenger.IsInAppThread());
+  bool inline_ = false;
+  messenger.Post([&] { inline_ = true; });  // on the app thread: at once
+  EXPECT_TRUE(inline_);
+  EXPECT_EQ(0, messenger.notifications);
+
+  std::vector<int> order;
+  std::future<int> answer;
+  std::thread worker([&] {
+    EXPECT_FALSE(messenger.IsInAppThread());
+    messenger.Post([&] { order.push_back(1); });
+    messenger.Post([&] { order.push_back(2); });
+    answer = messenger.Post([&] {
+      order.push_back(3);
+      messenger.Post([&] { order.push_back(4); });  // on the app thread: inline
+      return 42;
+    });
+  });
+  worker.join();
+  EXPECT_EQ(1, messenger.notifications);
+  EXPECT_TRUE(order.empty());
+  messenger.ProcessQueue();
+  EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), order);
+  EXPECT_EQ(42, answer.get());
+
+  // Empty again: the next post notifies again.
+  std::future<void> dropped;
+  std::thread again([&] { dropped = messenger.Post([] {}); });
+  again.join();
+  EXPECT_EQ(2, messenger.notifications);
+  messenger.Terminate();
+  EXPECT_TRUE(IsBroken(dropped));
+  std::future<void> late;
+  std::thread after([&] { late = messenger.Post([] {}); });
+  after.join();
+  EXPECT_TRUE(IsBroken(late));
+  messenger.ProcessQueue();
+}
+
+}  // namespace
+}  // namespace oru
