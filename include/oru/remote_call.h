@@ -129,6 +129,11 @@ public:
     return std::move(future);
   }
 
+  /// Queues a ready-made call that has no future (the same rules as Post).
+  void PostCall(const std::shared_ptr<RemoteFunction_base>& fn, bool forceQueue = false) {
+    EnqueueRemoteFunction(fn, forceQueue);
+  }
+
   /// Does nothing: the loop always runs on the object's own thread.
   void RunMainThread();
   bool MainThreadQueueEmpty();

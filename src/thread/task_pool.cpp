@@ -186,34 +186,52 @@ private:
     }
   }
 
+  // The call posted to a pool thread: runs its task, then, on the same
+  // thread and without going back through the queue, every task the pool
+  // hands it next. It carries no promise: nobody waits on it.
+  class TaskCall final : public RemoteFunction_base {
+  public:
+    TaskCall(std::weak_ptr<TaskPoolImpl> pool, TaskThread* thread, std::shared_ptr<Task> task)
+        : m_pool(std::move(pool)), m_thread(thread), m_task(std::move(task)) {}
+    void Call() override {
+      std::shared_ptr<Task> task = std::move(m_task);
+      while (task) {
+        RunTask(task);
+        task.reset();  // released before the next one is picked
+        if (IsDoingShutdown()) return;
+        auto pool = m_pool.lock();
+        if (!pool) return;
+        task = pool->Finished(m_thread);
+      }
+    }
+
+  private:
+    std::weak_ptr<TaskPoolImpl> m_pool;
+    TaskThread* m_thread;
+    std::shared_ptr<Task> m_task;
+  };
+
   void Start(const std::shared_ptr<TaskThread>& thread, std::shared_ptr<Task> task) {
-    std::weak_ptr<TaskPoolImpl> pool = weak_from_this();
-    TaskThread* raw = thread.get();
-    thread->loop.Post(
-        [pool, raw, task = std::move(task)]() mutable {
-          RunTask(task);
-          task.reset();
-          if (IsDoingShutdown()) return;
-          if (auto self = pool.lock()) self->Finished(raw);
-        },
-        /*forceQueue=*/true);
+    thread->loop.PostCall(std::make_shared<TaskCall>(weak_from_this(), thread.get(), std::move(task)),
+                          /*forceQueue=*/true);
   }
 
-  // On the worker thread `raw`, after its task was released.
-  void Finished(TaskThread* raw) {
+  // On the worker thread `raw`, after its task was released: the next task
+  // for it, or null when it retired or went idle.
+  std::shared_ptr<Task> Finished(TaskThread* raw) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (shutDown) return;
+    if (shutDown) return nullptr;
     auto it = std::find_if(threads.begin(), threads.end(),
                            [raw](const std::shared_ptr<TaskThread>& t) { return t.get() == raw; });
-    if (it == threads.end()) return;
-    std::shared_ptr<TaskThread> self = *it;
+    if (it == threads.end()) return nullptr;
     if (threadCount > maxThreads) {
+      std::shared_ptr<TaskThread> self = *it;
       threads.erase(it);
       --threadCount;
       // Ends its loop after this call; joined later from another thread.
       self->loop.Terminate();
       retired.push_back(std::move(self));
-      return;
+      return nullptr;
     }
     std::shared_ptr<Task> next;
     if (!foregroundQueue.empty()) {
@@ -223,11 +241,8 @@ private:
       next = std::move(backgroundQueue.front());
       backgroundQueue.pop_front();
     }
-    if (next) {
-      Start(self, std::move(next));
-    } else {
-      idleThreads.push_back(std::move(self));
-    }
+    if (!next) idleThreads.push_back(*it);
+    return next;
   }
 
   mutable std::mutex mutex;
@@ -268,7 +283,9 @@ Task::~Task() {
 void Task::Execute(bool runInBackground) {
   background = runInBackground;
   std::shared_ptr<Task> self = shared_from_this();
-  TaskPool::Get()->Submit(std::move(self));
+  // The pool lives until exit: no reference count to touch per task.
+  static TaskPool& pool = *TaskPool::Get();
+  pool.Submit(std::move(self));
 }
 
 uint64_t Task::GetTotalTaskCount() {
