@@ -108,11 +108,16 @@ public:
     struct statfs st {};
     if (statfs(path.c_str(), &st) != 0) return "unknown";
     switch (static_cast<unsigned long>(st.f_type)) {
-      case 0xEF53UL: return "ext4";
-      case 0x01021994UL: return "tmpfs";
-      case 0x58465342UL: return "xfs";
-      case 0x9123683EUL: return "btrfs";
-      case 0x794C7630UL: return "overlayfs";
+      case 0xEF53UL:
+        return "ext4";
+      case 0x01021994UL:
+        return "tmpfs";
+      case 0x58465342UL:
+        return "xfs";
+      case 0x9123683EUL:
+        return "btrfs";
+      case 0x794C7630UL:
+        return "overlayfs";
       default: {
         char hex[32];
         std::snprintf(hex, sizeof hex, "fs 0x%lx", static_cast<unsigned long>(st.f_type));
@@ -248,8 +253,9 @@ std::shared_ptr<oru::DataSource> SmallSource(int64_t i) {
 
 bool AddSmallFile(oru::DataCache& cache, int64_t i) {
   bool ok = false;
-  cache.AddFile(SmallName(i), SmallSource(i), [&ok](bool result) { ok = result; },
-                "etag " + std::to_string(i));
+  cache.AddFile(
+      SmallName(i), SmallSource(i), [&ok](bool result) { ok = result; },
+      "etag " + std::to_string(i));
   return ok;
 }
 
@@ -428,9 +434,9 @@ void BM_CacheStartup(benchmark::State& state) {
     }
   }
   state.SetComplexityN(n);
-  state.counters["per_file"] = benchmark::Counter(
-      static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
-                                  benchmark::Counter::kInvert);
+  state.counters["per_file"] =
+      benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate |
+                                                     benchmark::Counter::kInvert);
 }
 
 // ---- evicting half of n files ----------------------------------------------------
@@ -459,10 +465,11 @@ void BM_CacheEvictHalf(benchmark::State& state) {
 
     for (auto _ : state) {
       bool added = false;
-      cache->AddFile(bigName, big, [&added](bool ok) { added = ok; }, "half");
+      cache->AddFile(
+          bigName, big, [&added](bool ok) { added = ok; }, "half");
       state.PauseTiming();
-      const bool evictedHalf = added && CountEntries(*cache) == left &&
-                               cache->GetTotalSize() == total;
+      const bool evictedHalf =
+          added && CountEntries(*cache) == left && cache->GetTotalSize() == total;
       // Back to n small files at the limit: the big file goes, the evicted
       // names come back (newer now than the ones that stayed).
       cache->RemoveFile(bigName);
@@ -482,9 +489,9 @@ void BM_CacheEvictHalf(benchmark::State& state) {
   std::error_code error;
   std::filesystem::remove_all(dir, error);
   state.SetComplexityN(n);
-  state.counters["per_evicted"] = benchmark::Counter(
-      static_cast<double>(n / 2), benchmark::Counter::kIsIterationInvariantRate |
-                                      benchmark::Counter::kInvert);
+  state.counters["per_evicted"] =
+      benchmark::Counter(static_cast<double>(n / 2), benchmark::Counter::kIsIterationInvariantRate |
+                                                         benchmark::Counter::kInvert);
 }
 
 }  // namespace

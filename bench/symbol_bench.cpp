@@ -94,7 +94,8 @@ void BM_SymbolCopy_ours(benchmark::State& state) {
 
 void BM_SymbolCopy_peer(benchmark::State& state) {
   std::vector<std::shared_ptr<const std::string>> handles;
-  for (size_t i = 0; i < 4096; ++i) handles.push_back(std::make_shared<const std::string>(Texts()[i]));
+  for (size_t i = 0; i < 4096; ++i)
+    handles.push_back(std::make_shared<const std::string>(Texts()[i]));
   CopyHandles(state, handles);
 }
 
@@ -126,8 +127,12 @@ void MatchAll(benchmark::State& state, bool fastPath) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * names.size()));
 }
 
-void BM_WildcardMatch_scan(benchmark::State& state) { MatchAll(state, true); }
-void BM_WildcardMatch_engine(benchmark::State& state) { MatchAll(state, false); }
+void BM_WildcardMatch_scan(benchmark::State& state) {
+  MatchAll(state, true);
+}
+void BM_WildcardMatch_engine(benchmark::State& state) {
+  MatchAll(state, false);
+}
 
 void BM_WildcardMatch_peer(benchmark::State& state) {
   const auto& names = FileNames();
@@ -148,5 +153,7 @@ BENCHMARK(BM_SymbolIntern_peer)->Name("BM_SymbolIntern/peer")->Unit(benchmark::k
 BENCHMARK(BM_SymbolCopy_ours)->Name("BM_SymbolCopy/ours");
 BENCHMARK(BM_SymbolCopy_peer)->Name("BM_SymbolCopy/peer");
 BENCHMARK(BM_WildcardMatch_scan)->Name("BM_WildcardMatch/ours_scan")->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_WildcardMatch_engine)->Name("BM_WildcardMatch/ours_engine")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WildcardMatch_engine)
+    ->Name("BM_WildcardMatch/ours_engine")
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WildcardMatch_peer)->Name("BM_WildcardMatch/peer")->Unit(benchmark::kMillisecond);

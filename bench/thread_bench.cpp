@@ -127,5 +127,11 @@ void BM_TaskPool1M_peer(benchmark::State& state) {
 
 BENCHMARK(BM_RemoteRoundTrip_ours)->Name("BM_RemoteRoundTrip/ours")->UseRealTime();
 BENCHMARK(BM_RemoteRoundTrip_peer)->Name("BM_RemoteRoundTrip/peer")->UseRealTime();
-BENCHMARK(BM_TaskPool1M_ours)->Name("BM_TaskPool1M/ours")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_TaskPool1M_peer)->Name("BM_TaskPool1M/peer")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TaskPool1M_ours)
+    ->Name("BM_TaskPool1M/ours")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_TaskPool1M_peer)
+    ->Name("BM_TaskPool1M/peer")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();

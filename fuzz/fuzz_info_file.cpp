@@ -5,12 +5,12 @@
 #include <oru/data_cache.h>
 #include <oru/file_system.h>
 
+#include <unistd.h>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <unistd.h>
 
 namespace {
 

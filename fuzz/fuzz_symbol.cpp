@@ -25,13 +25,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < texts.size(); ++i) {
       const oru::Symbol& a = symbols[i];
       if (!(a == texts[i]) || a.size() != texts[i].size()) __builtin_trap();
-      if (a.GetHash() != (texts[i].empty() ? 0 : oru::Symbol::Hash(texts[i].data(), texts[i].size())))
+      if (a.GetHash() !=
+          (texts[i].empty() ? 0 : oru::Symbol::Hash(texts[i].data(), texts[i].size())))
         __builtin_trap();
       for (size_t j = 0; j < texts.size(); ++j) {
         const oru::Symbol& b = symbols[j];
         if ((a == b) != (texts[i] == texts[j])) __builtin_trap();
-        const bool less = texts[i].empty() ? !texts[j].empty()
-                                           : !texts[j].empty() && texts[i] < texts[j];
+        const bool less =
+            texts[i].empty() ? !texts[j].empty() : !texts[j].empty() && texts[i] < texts[j];
         if ((a < b) != less) __builtin_trap();
       }
       if (!texts[i].empty()) {

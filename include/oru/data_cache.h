@@ -95,7 +95,7 @@ public:
 
   /// One entry as read from, or reported about, the info file.
   struct InfoContent {
-    std::string name;       ///< logical name
+    std::string name;  ///< logical name
     std::string extraData;
   };
 

@@ -134,7 +134,8 @@ public:
   /// Closes an open handle. The handle must not be used afterwards.
   virtual void Fclose(std::shared_ptr<FSFilePointer> const& fp) = 0;
   /// Writes `size` bytes; errors and short writes are not reported.
-  virtual void Fwrite(void const* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) = 0;
+  virtual void Fwrite(void const* data, uint64_t size,
+                      std::shared_ptr<FSFilePointer> const& fp) = 0;
   /// Fills `out` and returns true; false (and `out` unchanged) on failure.
   virtual bool Stat(char const* path, FileStat& out) = 0;
   /// Sets the file's modification time to now, keeping its access time.
