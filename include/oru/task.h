@@ -17,7 +17,9 @@
 // Ownership: a task is always held by std::shared_ptr (Execute uses
 // shared_from_this); the pool holds it until it has run. The pool itself
 // lives until the process exits; at exit it drops the tasks still waiting
-// and waits for the running ones. After SetDoingShutdown() (memory.h) a
+// and waits for the running ones. On Windows it is not torn down at exit:
+// the system has stopped its threads by then, and waiting on them would
+// hang, so the system reclaims it. After SetDoingShutdown() (memory.h) a
 // finishing task no longer picks up new work.
 //
 // Threading: Execute, Get and the pool's members may be called from any

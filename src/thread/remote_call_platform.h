@@ -8,6 +8,11 @@ namespace oru::detail {
 
 // Dispatches the calling thread's pending window messages (Windows only).
 void PumpThreadMessages();
+// Whether an object that owns threads may be torn down while the process
+// exits. Not on Windows: by the time a DLL's static objects are destroyed,
+// every other thread has been stopped, and tearing down what they waited on
+// (joining them, destroying their condition variables) never ends.
+bool JoinThreadsAtExit();
 // The operating system's id of the calling thread.
 uint64_t CurrentThreadId();
 

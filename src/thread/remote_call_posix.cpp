@@ -8,6 +8,10 @@ namespace oru::detail {
 
 void PumpThreadMessages() {}
 
+bool JoinThreadsAtExit() {
+  return true;
+}
+
 uint64_t CurrentThreadId() {
   return static_cast<uint64_t>(syscall(SYS_gettid));
 }

@@ -16,6 +16,10 @@ void PumpThreadMessages() {
   }
 }
 
+bool JoinThreadsAtExit() {
+  return false;
+}
+
 uint64_t CurrentThreadId() {
   return static_cast<uint64_t>(GetCurrentThreadId());
 }

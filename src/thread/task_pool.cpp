@@ -19,6 +19,7 @@
 #include "oru/memory.h"
 #include "oru/performance_counter.h"
 #include "oru/remote_call.h"
+#include "thread/remote_call_platform.h"
 
 namespace oru {
 
@@ -301,9 +302,14 @@ uint64_t Task::GetCumulativeTaskCount() {
 TaskPool::~TaskPool() = default;
 
 std::shared_ptr<TaskPool> TaskPool::Get() {
-  // Thread-safe static initialisation; released at process exit.
-  static const std::shared_ptr<TaskPoolImpl> pool = std::make_shared<TaskPoolImpl>();
-  return pool;
+  // Thread-safe static initialisation. Released at process exit where the
+  // platform lets the pool wait for its threads there; on Windows it is
+  // left for the system to reclaim (see JoinThreadsAtExit).
+  static const std::shared_ptr<TaskPoolImpl> owned =
+      detail::JoinThreadsAtExit() ? std::make_shared<TaskPoolImpl>() : nullptr;
+  static const std::shared_ptr<TaskPoolImpl>* pool =
+      owned ? &owned : new std::shared_ptr<TaskPoolImpl>(std::make_shared<TaskPoolImpl>());
+  return *pool;
 }
 
 }  // namespace oru
