@@ -101,7 +101,8 @@ template <class F>
 using RemoteResult = std::invoke_result_t<std::decay_t<F>&>;
 
 template <class F>
-std::pair<std::shared_ptr<RemoteFunction_base>, std::future<RemoteResult<F>>> MakeRemoteCall(F&& f) {
+std::pair<std::shared_ptr<RemoteFunction_base>, std::future<RemoteResult<F>>> MakeRemoteCall(
+    F&& f) {
   auto fn = std::make_shared<RemoteFunction<RemoteResult<F>, std::decay_t<F>>>(std::forward<F>(f));
   auto future = fn->GetFuture();
   return {std::move(fn), std::move(future)};

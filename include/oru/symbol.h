@@ -97,7 +97,9 @@ public:
   operator BasicStringSpan<char const>() const noexcept {  // NOLINT
     return BasicStringSpan<char const>(c_str(), static_cast<size_t>(size()));
   }
-  operator std::string() const { return std::string(c_str(), static_cast<size_t>(size())); }  // NOLINT
+  operator std::string() const {
+    return std::string(c_str(), static_cast<size_t>(size()));
+  }  // NOLINT
   std::string_view view() const noexcept { return {c_str(), static_cast<size_t>(size())}; }
 
   /// Identity: equal texts share one entry.
@@ -223,5 +225,7 @@ private:
 
 template <>
 struct std::hash<oru::Symbol> {
-  size_t operator()(const oru::Symbol& s) const noexcept { return static_cast<size_t>(s.GetHash()); }
+  size_t operator()(const oru::Symbol& s) const noexcept {
+    return static_cast<size_t>(s.GetHash());
+  }
 };

@@ -85,10 +85,14 @@ private:
 
 class DataCache::FileWritten : public FileSystem::Callback {
 public:
-  FileWritten(std::weak_ptr<DataCache> c, std::string p, uint64_t s, std::string n,
-              std::string e, std::function<void(bool)> d)
-      : cache(std::move(c)), path(std::move(p)), size(s), name(std::move(n)),
-        extraData(std::move(e)), done(std::move(d)) {}
+  FileWritten(std::weak_ptr<DataCache> c, std::string p, uint64_t s, std::string n, std::string e,
+              std::function<void(bool)> d)
+      : cache(std::move(c)),
+        path(std::move(p)),
+        size(s),
+        name(std::move(n)),
+        extraData(std::move(e)),
+        done(std::move(d)) {}
 
   void OnComplete(bool success) override {
     auto self = cache.lock();
@@ -376,14 +380,15 @@ void DataCache::AddFile(std::string const& name, std::shared_ptr<DataSource> con
   if (auto it = LookupName(name); it != files.end()) RemoveFile(it);
 
   std::string path;
-  auto fp = fileSystem->CreateAndOpenTempFile(cacheDir.c_str(), name.c_str(), tempFileCounter, path);
+  auto fp =
+      fileSystem->CreateAndOpenTempFile(cacheDir.c_str(), name.c_str(), tempFileCounter, path);
   if (!fp) {
     Report(done, false);
     return;
   }
-  fileSystem->WriteAndCloseAsync(
-      data, fp,
-      std::make_shared<FileWritten>(weak_from_this(), path, size, name, extraData, std::move(done)));
+  fileSystem->WriteAndCloseAsync(data, fp,
+                                 std::make_shared<FileWritten>(weak_from_this(), path, size, name,
+                                                               extraData, std::move(done)));
 }
 
 void DataCache::WrittenFile(std::string const& path, uint64_t size, std::string const& name,
@@ -419,7 +424,8 @@ std::shared_ptr<DataSource> DataCache::GotFile(std::shared_ptr<FileInfo> const& 
   auto source = fileSystem->GetDS(record->path.c_str());
   if (!source) return source;
   FileStat st;
-  if (fileSystem->Stat(record->path.c_str(), st)) record->time = static_cast<uint64_t>(st.modifyTime);
+  if (fileSystem->Stat(record->path.c_str(), st))
+    record->time = static_cast<uint64_t>(st.modifyTime);
   source->SetIsTempFile(true);
   inUse[name].push_back(source);
   return source;

@@ -21,9 +21,15 @@ std::string Translate(BasicStringSpan<char const> pattern) {
   bool escaped = false;
   for (char c : pattern) {
     switch (c) {
-      case '$': out += "\\$"; break;
-      case '^': out += "\\^"; break;
-      case '.': out += "\\."; break;
+      case '$':
+        out += "\\$";
+        break;
+      case '^':
+        out += "\\^";
+        break;
+      case '.':
+        out += "\\.";
+        break;
       case '*':
         if (escaped) {
           out.back() = '*';
@@ -38,7 +44,9 @@ std::string Translate(BasicStringSpan<char const> pattern) {
           out += '.';
         }
         break;
-      default: out += c; break;
+      default:
+        out += c;
+        break;
     }
     escaped = c == '\\' && !escaped;
   }
@@ -217,7 +225,8 @@ bool SimplifiedRegex::MatchText(const char* text) const {
 void StringSplit(const std::string& text, std::vector<std::string>& out, const char* delimiters) {
   std::array<bool, 256> isDelimiter{};
   if (delimiters == nullptr) delimiters = " \t";
-  for (const char* d = delimiters; *d != '\0'; ++d) isDelimiter[static_cast<unsigned char>(*d)] = true;
+  for (const char* d = delimiters; *d != '\0'; ++d)
+    isDelimiter[static_cast<unsigned char>(*d)] = true;
   const auto delim = [&](size_t i) { return isDelimiter[static_cast<unsigned char>(text[i])]; };
   size_t i = 0;
   const size_t n = text.size();

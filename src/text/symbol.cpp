@@ -78,7 +78,8 @@ public:
     for (size_t i = hash & m_mask;; i = (i + 1) & m_mask) {
       Slot& s = m_slots[i];
       if (s.entry == nullptr) break;
-      if (s.hash == hash && s.entry->length == size && std::memcmp(s.entry->text(), text, size) == 0) {
+      if (s.hash == hash && s.entry->length == size &&
+          std::memcmp(s.entry->text(), text, size) == 0) {
         s.entry->count.fetch_add(1, std::memory_order_relaxed);
         return s.entry;
       }

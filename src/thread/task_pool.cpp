@@ -87,14 +87,21 @@ public:
     for (auto& t : stopping) t->loop.Terminate();
   }
 
-  uint64_t GetMaxThreads() const override { return Locked([this] { return maxThreads; }); }
-  uint64_t GetBackgroundLimit() const override { return Locked([this] { return backgroundLimit; }); }
-  uint64_t GetThreadCount() const override { return Locked([this] { return threadCount; }); }
+  uint64_t GetMaxThreads() const override {
+    return Locked([this] { return maxThreads; });
+  }
+  uint64_t GetBackgroundLimit() const override {
+    return Locked([this] { return backgroundLimit; });
+  }
+  uint64_t GetThreadCount() const override {
+    return Locked([this] { return threadCount; });
+  }
   uint64_t GetIdleThreadCount() const override {
     return Locked([this] { return static_cast<uint64_t>(idleThreads.size()); });
   }
   uint64_t GetWaitingTaskCount() const override {
-    return Locked([this] { return static_cast<uint64_t>(foregroundQueue.size() + backgroundQueue.size()); });
+    return Locked(
+        [this] { return static_cast<uint64_t>(foregroundQueue.size() + backgroundQueue.size()); });
   }
 
 private:
@@ -213,8 +220,9 @@ private:
   };
 
   void Start(const std::shared_ptr<TaskThread>& thread, std::shared_ptr<Task> task) {
-    thread->loop.PostCall(std::make_shared<TaskCall>(weak_from_this(), thread.get(), std::move(task)),
-                          /*forceQueue=*/true);
+    thread->loop.PostCall(
+        std::make_shared<TaskCall>(weak_from_this(), thread.get(), std::move(task)),
+        /*forceQueue=*/true);
   }
 
   // On the worker thread `raw`, after its task was released: the next task
@@ -267,7 +275,8 @@ Task::Task() {
   ++CumulativeTasks();
 }
 
-Task::Task(const Task& other) : std::enable_shared_from_this<Task>(other), background(other.background) {
+Task::Task(const Task& other)
+    : std::enable_shared_from_this<Task>(other), background(other.background) {
   ++TotalTasks();
   ++CumulativeTasks();
 }

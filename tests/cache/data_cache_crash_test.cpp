@@ -60,24 +60,40 @@ TEST(DataCacheCrash, DISABLED_ChildWriter) {
     const int k = static_cast<int>(rng() % NAMES);
     const std::string name = "n" + std::to_string(k);
     const std::string bytes = Content(name, generation, 40 + rng() % 20000);
-    cache->AddFile(name, InMemoryDataSource::Create(std::string(bytes), false), [](bool) {},
-                   "g" + std::to_string(generation));
+    cache->AddFile(
+        name, InMemoryDataSource::Create(std::string(bytes), false), [](bool) {},
+        "g" + std::to_string(generation));
     switch (rng() % 16) {
-      case 0: case 1: case 2: case 3: cache->FinaliseCache(); break;
-      case 4: cache->RemoveFile(name); break;
-      case 5: case 6:
+      case 0:
+      case 1:
+      case 2:
+      case 3:
+        cache->FinaliseCache();
+        break;
+      case 4:
+        cache->RemoveFile(name);
+        break;
+      case 5:
+      case 6:
         cache->AddAlternativeName("a" + std::to_string(k % ALTERNATIVES),
                                   "n" + std::to_string(k % ALTERNATIVES));
         break;
-      case 7: if (rng() % 8 == 0) cache->EmptyCache(); break;
-      case 8: held.push_back(cache->AddBuffer(std::string(bytes))); break;
+      case 7:
+        if (rng() % 8 == 0) cache->EmptyCache();
+        break;
+      case 8:
+        held.push_back(cache->AddBuffer(std::string(bytes)));
+        break;
       case 9:
         cache->GetFile(name, [&](std::shared_ptr<DataSource> const& src, std::string const&) {
           held.push_back(src);
         });
         break;
-      case 10: held.clear(); break;
-      default: break;
+      case 10:
+        held.clear();
+        break;
+      default:
+        break;
     }
   }
 }
@@ -113,12 +129,14 @@ TEST(DataCacheCrash, KilledWritersNeverLeadToWrongBytes) {
       const std::string asked = (k < NAMES ? "n" : "a") + std::to_string(k % NAMES);
       const std::string primary = "n" + std::to_string(k % NAMES);
       std::shared_ptr<DataSource> src;
-      cache->GetFile(asked, [&](std::shared_ptr<DataSource> const& s, std::string const&) { src = s; });
+      cache->GetFile(asked,
+                     [&](std::shared_ptr<DataSource> const& s, std::string const&) { src = s; });
       if (!src) continue;
       ++served;
       const std::string got = test::Contents(src);
       const size_t bar1 = got.find('|'), bar2 = got.find('|', bar1 + 1), end = got.find('\n');
-      ASSERT_TRUE(bar1 != std::string::npos && bar2 != std::string::npos && end != std::string::npos)
+      ASSERT_TRUE(bar1 != std::string::npos && bar2 != std::string::npos &&
+                  end != std::string::npos)
           << "round " << round << ": " << asked << " has no header";
       ASSERT_EQ(primary, got.substr(0, bar1)) << "round " << round << ": " << asked;
       const uint64_t generation = std::stoull(got.substr(bar1 + 1, bar2 - bar1 - 1));

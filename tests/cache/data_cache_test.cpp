@@ -53,8 +53,9 @@ protected:
                   const std::string& extra = "") {
     int calls = 0;
     bool result = false;
-    cache.AddFile(name, InMemoryDataSource::Create(std::string(bytes), false),
-                  [&](bool ok) { ++calls, result = ok; }, extra);
+    cache.AddFile(
+        name, InMemoryDataSource::Create(std::string(bytes), false),
+        [&](bool ok) { ++calls, result = ok; }, extra);
     EXPECT_EQ(1, calls);
     return result;
   }
@@ -104,8 +105,8 @@ TEST_F(DataCacheTest, InfoFileRoundTripsByteForByte) {
     cache->FinaliseCache();
     const std::string file = PathOf(*cache, "https://host/modèle");
     EXPECT_EQ(dir + sep + "0", file);
-    EXPECT_EQ(std::string("Version 1.8") + NL + "0 etag with  spaces " + NL + "https://host/modèle" +
-                  NL + "---" + NL + "short-名<<>>https://host/modèle" + NL,
+    EXPECT_EQ(std::string("Version 1.8") + NL + "0 etag with  spaces " + NL +
+                  "https://host/modèle" + NL + "---" + NL + "short-名<<>>https://host/modèle" + NL,
               ReadFile(info));
   }
   auto again = Open();
@@ -130,8 +131,8 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
   stdfs::create_directories(stdfs::u8path(dir));
   for (const char* f : {"12", "13", "14", "99", "other-program.tmp"}) WriteFile(dir + sep + f, f);
   WriteFile(info, std::string("Version 1.8\n") + "12 some extra text\nmodel-a\n" +
-                      "13 x\n\n" +       // empty logical name: ignored
-                      "14\nno-space\n" +  // no space: ignored
+                      "13 x\n\n" +            // empty logical name: ignored
+                      "14\nno-space\n" +      // no space: ignored
                       "info.txt x\nself\n" +  // never the info file itself
                       "---\nalias<<>>model-a\njunk line\n");
   Shift(info, 10);
@@ -153,7 +154,8 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
 TEST_F(DataCacheTest, FilesChangedOrRemovedBehindItsBackAreNotServed) {
   {
     auto cache = Open();
-    for (const char* name : {"a", "b", "c"}) ASSERT_TRUE(Add(*cache, name, name + std::string(100, '.')));
+    for (const char* name : {"a", "b", "c"})
+      ASSERT_TRUE(Add(*cache, name, name + std::string(100, '.')));
     cache->FinaliseCache();
     Shift(info, 10);
     stdfs::remove(stdfs::u8path(PathOf(*cache, "b")));
@@ -213,7 +215,8 @@ TEST_F(DataCacheTest, AnInfoFileCutShortNeverLeadsToWrongBytes) {
 TEST_F(DataCacheTest, EvictsTheOldestFilesFirst) {
   {
     auto cache = Open(100);
-    for (const char* name : {"old", "mid", "new"}) ASSERT_TRUE(Add(*cache, name, std::string(30, *name)));
+    for (const char* name : {"old", "mid", "new"})
+      ASSERT_TRUE(Add(*cache, name, std::string(30, *name)));
     Shift(PathOf(*cache, "old"), -300);
     Shift(PathOf(*cache, "mid"), -200);
     Shift(PathOf(*cache, "new"), -100);
@@ -395,8 +398,9 @@ TEST_F(DataCacheTest, WorksOverAnAsynchronousFileSystem) {
   EXPECT_EQ(2, wrapper->pumps);  // a ready cache no longer pumps
 
   int added = 0;
-  cache->AddFile("a", InMemoryDataSource::Create(std::string("async bytes"), false),
-                 [&](bool ok) { added += ok ? 1 : 100; }, "");
+  cache->AddFile(
+      "a", InMemoryDataSource::Create(std::string("async bytes"), false),
+      [&](bool ok) { added += ok ? 1 : 100; }, "");
   EXPECT_EQ(0, added);
   EXPECT_FALSE(cache->Contains("a"));
   wrapper->PumpCallbacks();
@@ -416,7 +420,8 @@ TEST_F(DataCacheTest, WorksOverAnAsynchronousFileSystem) {
   EXPECT_EQ(std::vector<std::string>(3, "async bytes"), got);
 
   // A completion that arrives after the cache is gone does nothing.
-  cache->GetFile("a", [&](std::shared_ptr<DataSource> const&, std::string const&) { ADD_FAILURE(); });
+  cache->GetFile("a",
+                 [&](std::shared_ptr<DataSource> const&, std::string const&) { ADD_FAILURE(); });
   cache.reset();
   wrapper->PumpCallbacks();
 }
