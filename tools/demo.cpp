@@ -124,12 +124,14 @@ int main(int argc, char** argv) {
       return 1;
     }
     bool added = false;
-    cache->AddFile(sceneUrl, oru::FileDataSource::Create(download.string()),
-                   [&added](bool ok) { added = ok; }, "downloaded by oru_demo");
+    cache->AddFile(
+        sceneUrl, oru::FileDataSource::Create(download.string()), [&added](bool ok) { added = ok; },
+        "downloaded by oru_demo");
     fs::remove(download);
     cache->FinaliseCache();  // the info file: the cache outlives this process
-    std::cout << "not cached yet: downloaded " << sceneUrl << " and added it: "
-              << (added ? "ok" : "FAILED") << " (run the demo again to find it cached)\n";
+    std::cout << "not cached yet: downloaded " << sceneUrl
+              << " and added it: " << (added ? "ok" : "FAILED")
+              << " (run the demo again to find it cached)\n";
     file = FromCache(*cache, sceneUrl);
     if (!file) return 1;
   }

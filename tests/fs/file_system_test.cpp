@@ -30,9 +30,7 @@ protected:
     stdfs::create_directories(stdfs::u8path(dir));
     return dir;
   }
-  std::string PathIn(const std::string& dir, const std::string& name) {
-    return dir + sep + name;
-  }
+  std::string PathIn(const std::string& dir, const std::string& name) { return dir + sep + name; }
 };
 
 TEST_F(FileSystemTest, SeparatorMatchesThePlatform) {

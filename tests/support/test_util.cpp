@@ -4,12 +4,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 #include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #ifndef _WIN32
 #include <sys/wait.h>
@@ -120,8 +120,8 @@ std::string Deflate(const std::string& data, char format, int level) {
 #ifdef _WIN32
 #define WIN32_LEAN_AND_MEAN
 #define NOMINMAX
-#include <windows.h>
 #include <process.h>
+#include <windows.h>
 #else
 #include <signal.h>
 #include <spawn.h>

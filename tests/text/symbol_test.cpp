@@ -17,8 +17,8 @@ namespace oru {
 namespace {
 
 TEST(Symbol, EmptyTextsGiveTheEmptySymbol) {
-  for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)), Symbol(std::string()),
-                          Symbol(BasicStringSpan<char const>()), Symbol()}) {
+  for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)),
+                          Symbol(std::string()), Symbol(BasicStringSpan<char const>()), Symbol()}) {
     EXPECT_EQ(Symbol::EMPTY, s);
     EXPECT_TRUE(s.empty());
     EXPECT_EQ(0u, s.size());

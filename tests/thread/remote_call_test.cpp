@@ -31,8 +31,9 @@ TEST(RemoteCallThread, RunsCallsInOrderOnItsOwnThread) {
   std::vector<int> order;
   std::vector<std::future<void>> done;
   for (int i = 0; i < 100; ++i) done.push_back(worker.Post([&order, i] { order.push_back(i); }));
-  auto where = worker.Post([&] { return std::make_pair(worker.IsInRemoteThread(),
-                                                       RemoteCall_thread::GetCurrentThreadId()); });
+  auto where = worker.Post([&] {
+    return std::make_pair(worker.IsInRemoteThread(), RemoteCall_thread::GetCurrentThreadId());
+  });
   const auto [inside, id] = where.get();
   EXPECT_TRUE(inside);
   EXPECT_NE(RemoteCall_thread::GetCurrentThreadId(), id);
@@ -120,7 +121,8 @@ TEST(RemoteCallThread, TimerArgumentFollowsThePeriodMode) {
     }
     // Roughly every 10 ms: not a busy loop, not stalled.
     EXPECT_LE(n, 40u);
-    const auto span = std::chrono::duration_cast<std::chrono::milliseconds>(ticks.back() - ticks.front());
+    const auto span =
+        std::chrono::duration_cast<std::chrono::milliseconds>(ticks.back() - ticks.front());
     EXPECT_GE(span.count(), static_cast<int64_t>(n - 1) * 5);
     worker.Terminate();
   }

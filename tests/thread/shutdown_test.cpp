@@ -43,7 +43,8 @@ TEST(ProcessShutdown, DISABLED_UseEverythingThenExit) {
   worker.AddIntervalCallback(1, [](std::chrono::milliseconds) { Symbol tick("tick"); });
   worker.EnableTimer();
   std::thread([] { messenger.Post([] {}); }).join();  // left queued
-  for (int i = 0; i < 50; ++i) std::make_shared<SleepyTask>(i % 5 == 0 ? 50 : 1)->Execute(i % 2 == 0);
+  for (int i = 0; i < 50; ++i)
+    std::make_shared<SleepyTask>(i % 5 == 0 ? 50 : 1)->Execute(i % 2 == 0);
   if (test::GetEnv("ORU_SHUTDOWN_MODE") == "flag") SetDoingShutdown();
   // Return with tasks running and waiting, the timer ticking, calls queued.
 }
