@@ -1,0 +1,141 @@
+// StackWalker: capture, and names, lines and modules of addresses in this
+// program, in the library and outside any module.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "oru/stack_walker.h"
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+#if defined(__GNUC__)
+#define ORU_NOINLINE __attribute__((noinline))
+#else
+#define ORU_NOINLINE
+#endif
+
+// Keeps the compiler from turning calls into jumps.
+volatile int g_sink = 0;
+
+struct Probe {
+  std::vector<void*> stack;
+  int callLine = 0;
+};
+
+ORU_NOINLINE Probe WalkerProbe(StackWalker& walker) {
+  Probe probe;
+  // clang-format off
+  probe.callLine = __LINE__; probe.stack = walker.CurrentCallstack();
+  // clang-format on
+  g_sink = g_sink + 1;
+  return probe;
+}
+
+ORU_NOINLINE size_t Recurse(StackWalker& walker, int depth) {
+  if (depth == 0) return walker.CurrentCallstack().size();
+  const size_t size = Recurse(walker, depth - 1);
+  g_sink = g_sink + 1;
+  return size;
+}
+
+// A return address points past its call; the call is one byte before.
+void* CallSite(void* returnAddress) {
+  return static_cast<char*>(returnAddress) - 1;
+}
+
+std::string FileName(const std::string& path) {
+  const size_t cut = path.find_last_of("/\\");
+  return cut == std::string::npos ? path : path.substr(cut + 1);
+}
+
+class StackWalkerTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    try {
+      walker = std::make_unique<StackWalker>();
+    } catch (const std::runtime_error& error) {
+      FAIL() << "no stack walker: " << error.what();
+    }
+  }
+  std::unique_ptr<StackWalker> walker;
+};
+
+TEST_F(StackWalkerTest, CapturesInnermostFirstStartingInTheWalker) {
+  const Probe probe = WalkerProbe(*walker);
+  ASSERT_GE(probe.stack.size(), 3u);
+  // Nothing is skipped: the capture's own frame comes first.
+  EXPECT_NE(std::string::npos,
+            walker->FunctionForAddress(probe.stack[0]).find("StackWalker::CurrentCallstack"))
+      << walker->FunctionForAddress(probe.stack[0]);
+  const std::string caller = walker->FunctionForAddress(probe.stack[1]);
+  EXPECT_NE(std::string::npos, caller.find("WalkerProbe")) << caller;
+  // Then the test body that called the probe.
+  EXPECT_NE(std::string::npos, walker->FunctionForAddress(probe.stack[2]).find("StackWalkerTest"))
+      << walker->FunctionForAddress(probe.stack[2]);
+}
+
+TEST_F(StackWalkerTest, ResolvesFunctionFileLineAndModuleInThisProgram) {
+  const Probe probe = WalkerProbe(*walker);
+  ASSERT_GE(probe.stack.size(), 2u);
+  void* call = CallSite(probe.stack[1]);
+  const std::string function = walker->FunctionForAddress(call);
+  EXPECT_NE(std::string::npos, function.find("WalkerProbe")) << function;
+  const auto [file, line] = walker->FileAndLineNoForAddress(call);
+  EXPECT_EQ("stack_walker_test.cpp", FileName(file)) << file;
+  EXPECT_EQ(static_cast<unsigned>(probe.callLine), line);
+  // The module is this test program, not the library.
+  const std::string module = walker->ModuleForAddress(call);
+  EXPECT_NE(std::string::npos, module.find("oru_tests")) << module;
+  const std::string libraryModule = walker->ModuleForAddress(probe.stack[0]);
+  EXPECT_NE(std::string::npos, libraryModule.find("oru")) << libraryModule;
+  EXPECT_NE(module, libraryModule);
+}
+
+TEST_F(StackWalkerTest, NamesAFunctionByItsOwnAddress) {
+  void* entry = reinterpret_cast<void*>(&Recurse);
+  EXPECT_NE(std::string::npos, walker->FunctionForAddress(entry).find("Recurse"));
+  EXPECT_EQ("stack_walker_test.cpp", FileName(walker->FileAndLineNoForAddress(entry).first));
+}
+
+TEST_F(StackWalkerTest, AddressesOutsideAnyModuleGiveEmptyResults) {
+  std::unique_ptr<char[]> heap(new char[64]);
+  for (void* address : {reinterpret_cast<void*>(uintptr_t{0x10}), static_cast<void*>(heap.get())}) {
+    EXPECT_EQ("", walker->FunctionForAddress(address));
+    const auto [file, line] = walker->FileAndLineNoForAddress(address);
+    EXPECT_EQ("", file);
+    EXPECT_EQ(0u, line);
+    EXPECT_EQ("", walker->ModuleForAddress(address));
+  }
+}
+
+TEST_F(StackWalkerTest, DeepRecursionGivesAtMost1024Frames) {
+  EXPECT_EQ(1024u, Recurse(*walker, 2000));
+  const size_t shallow = Recurse(*walker, 10);
+  EXPECT_LT(shallow, 1024u);
+  EXPECT_EQ(shallow + 10, Recurse(*walker, 20));
+}
+
+TEST_F(StackWalkerTest, SeveralWalkersAtOnceOnSeveralThreads) {
+  std::vector<std::string> names(4);
+  std::vector<std::thread> threads;
+  for (auto& name : names) {
+    threads.emplace_back([&name] {
+      StackWalker own;
+      const Probe probe = WalkerProbe(own);
+      if (probe.stack.size() > 1) name = own.FunctionForAddress(probe.stack[1]);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const auto& name : names) EXPECT_NE(std::string::npos, name.find("WalkerProbe")) << name;
+}
+
+}  // namespace
+}  // namespace oru
