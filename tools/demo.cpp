@@ -12,6 +12,10 @@
 //
 //   oru_demo            use the cache as it is
 //   oru_demo --fresh    drop the scene from the cache first (as on a first run)
+//   oru_demo --heap-trace FILE
+//                       record the library's allocations into a heap trace
+//                       for heaptrack_print (with the live allocation hook,
+//                       CMake option ORU_LIVE_ALLOCATION_HOOK=ON)
 #include <oru/oru.h>
 
 #include <zlib.h>
@@ -93,7 +97,7 @@ std::shared_ptr<oru::DataSource> FromCache(oru::DataCache& cache, const std::str
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int RunDemo(bool fresh) {
   namespace fs = std::filesystem;
   const std::string sceneUrl = "https://example.com/scenes/scene.zip";
 
@@ -104,7 +108,7 @@ int main(int argc, char** argv) {
     std::cerr << "the cache directory cannot be prepared\n";
     return 1;
   }
-  if (argc > 1 && std::string(argv[1]) == "--fresh") {
+  if (fresh) {
     // Only the demo's own entry: the directory is shared with every other
     // program that uses the library's cache.
     cache->RemoveFile(sceneUrl);
@@ -197,4 +201,33 @@ int main(int argc, char** argv) {
   s.Read(tailText, 8);
   std::cout << "sparse read at 4096: " << tailText << "\n";
   return 0;
+}
+
+int main(int argc, char** argv) {
+  bool fresh = false;
+  std::string traceFile;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--fresh") {
+      fresh = true;
+    } else if (arg == "--heap-trace" && i + 1 < argc) {
+      traceFile = argv[++i];
+    } else {
+      std::cerr << "usage: oru_demo [--fresh] [--heap-trace FILE]\n";
+      return 2;
+    }
+  }
+  int status = 0;
+  {
+    // Traces the whole run; the file is complete when the object goes away.
+    oru::HeapTrace trace(traceFile);
+    status = RunDemo(fresh);
+  }
+  if (!traceFile.empty()) {
+    std::cout << "heap trace written to " << traceFile
+              << (oru::IsAllocationEventHookLive()
+                      ? "\n"
+                      : " (header only: this build's allocation hook is inert)\n");
+  }
+  return status;
 }

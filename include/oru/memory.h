@@ -4,7 +4,8 @@
 // All heap traffic of the library's own code goes through one pair of
 // functions, DoAllocation and DoSizedFree / DoUnsizedFree, which add two
 // atomic counter updates to malloc and free and nothing else (no lock, no
-// hook, no header per block). The counters are PerformanceCounters (see
+// header per block, and no hook unless the build enables it; see
+// SetAllocationEventHandler). The counters are PerformanceCounters (see
 // oru/performance_counter.h), visible by their tags and readable here:
 //
 //   const uint64_t before = oru::counters::CallsToNew();
@@ -162,9 +163,27 @@ public:
   virtual void OnFree(void* block) = 0;
 };
 
-/// Kept inert on purpose: the hook is part of the interface but this build
-/// installs nothing. Stores nothing, never calls `handler`, returns null.
+/// Installs `handler` as the receiver of the events of the allocation path
+/// and returns the one it replaces; null removes the handler.
+///
+/// Kept inert on purpose in the default build: the hook is part of the
+/// interface but nothing is installed. It stores nothing, never calls
+/// `handler` and returns null.
+///
+/// Built with the CMake option ORU_LIVE_ALLOCATION_HOOK=ON, the hook is
+/// live: DoAllocation calls OnAllocate(block, size) after each successful
+/// allocation, and DoSizedFree / DoUnsizedFree call OnFree(block) before
+/// releasing a non-null block, on the allocating thread. An exception from
+/// the handler is swallowed (the allocation stands). When this function
+/// returns, no thread is still inside a call of the replaced handler, so it
+/// may be destroyed (unless the replacement is made from inside a handler
+/// call, which does not wait for itself). A handler that allocates through
+/// the library is called again from inside itself and must guard against
+/// that. With no handler installed, the hook costs one atomic load.
 ORU_API MemoryEventHandler* SetAllocationEventHandler(MemoryEventHandler* handler) noexcept;
+
+/// Whether this build has the live hook (see SetAllocationEventHandler).
+ORU_API bool IsAllocationEventHookLive() noexcept;
 
 /// An account of memory use that callers keep by hand (the allocation
 /// functions do not feed it), with a high-water threshold and a total of

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 #include "memory/bad_allocation.h"
 #include "oru/memory.h"
@@ -40,6 +41,44 @@ AllocationCounters& Counters() noexcept {
 // one whose allocation would register them.
 [[maybe_unused]] const bool s_countersRegistered = (Counters(), true);
 
+// ---- the allocation event hook ------------------------------------------------
+//
+// Live only when built with ORU_LIVE_ALLOCATION_HOOK; otherwise
+// SetAllocationEventHandler stores nothing and the allocation path has no
+// hook at all.
+//
+// A handler may be replaced while other threads are calling it, and the one
+// replaced may be destroyed as soon as SetAllocationEventHandler returns. So
+// every call of a handler is counted in one of two in-flight counters, the
+// one of the current generation; a replacement switches the generation and
+// waits until the old generation's counter drains. Calls starting after the
+// switch count in the new generation and see the new handler, so the wait
+// cannot be starved by a steady stream of allocations.
+#if ORU_LIVE_ALLOCATION_HOOK
+constexpr bool kLiveHook = true;
+#else
+constexpr bool kLiveHook = false;
+#endif
+
+constinit std::atomic<MemoryEventHandler*> s_eventHandler{nullptr};
+constinit std::atomic<uint32_t> s_handlerGeneration{0};
+constinit std::atomic<uint32_t> s_handlerCalls[2]{0, 0};
+// Handler calls this thread is inside of: a replacement made from inside a
+// handler does not wait for its own call.
+thread_local int t_handlerDepth = 0;
+
+MemoryEventHandler* InstallEventHandler(MemoryEventHandler* handler) noexcept {
+  static std::atomic_flag installing = ATOMIC_FLAG_INIT;
+  while (installing.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+  MemoryEventHandler* previous = s_eventHandler.exchange(handler);
+  const uint32_t oldGeneration = s_handlerGeneration.fetch_add(1);
+  if (t_handlerDepth == 0) {
+    while (s_handlerCalls[oldGeneration & 1].load() != 0) std::this_thread::yield();
+  }
+  installing.clear(std::memory_order_release);
+  return previous;
+}
+
 constinit std::atomic<uint64_t> s_usedBytes{0};
 constinit std::atomic<uint64_t> s_highUsageBytes{0};
 constinit std::atomic<int32_t> s_recordUsageMilliseconds{0};
@@ -48,6 +87,34 @@ constinit std::atomic<bool> s_doingShutdown{false};
 }  // namespace
 
 // ---- the allocation path -----------------------------------------------------
+
+namespace detail {
+
+// The hook's one entry point: tells the handler of an allocation (`size`
+// given) or a release, counted in the current generation. One named
+// function without helpers, so that HeapTrace can drop its frame (with
+// those of DoAllocation and the releases) from the stacks it records.
+void NotifyAllocationEvent(void* block, uint64_t size, bool allocation) noexcept {
+  if (s_eventHandler.load(std::memory_order_relaxed) == nullptr) return;
+  std::atomic<uint32_t>& calls = s_handlerCalls[s_handlerGeneration.load() & 1];
+  calls.fetch_add(1);
+  ++t_handlerDepth;
+  if (MemoryEventHandler* handler = s_eventHandler.load()) {
+    try {
+      if (allocation) {
+        handler->OnAllocate(block, size);
+      } else {
+        handler->OnFree(block);
+      }
+    } catch (...) {
+      // An event the handler could not take is lost; the allocation stands.
+    }
+  }
+  --t_handlerDepth;
+  calls.fetch_sub(1);
+}
+
+}  // namespace detail
 
 void* DoAllocation(uint64_t size) {
   const auto bytes = static_cast<std::size_t>(size);
@@ -61,11 +128,15 @@ void* DoAllocation(uint64_t size) {
   AllocationCounters& c = Counters();
   ++c.callsToNew;
   c.cumulativeAllocations += size;
+  if constexpr (kLiveHook) detail::NotifyAllocationEvent(block, size, true);
   return block;
 }
 
 void DoSizedFree(void* p, uint64_t size) noexcept {
   if (p == nullptr) return;
+  // Told before the block is released, so that the event of its release is
+  // queued before any allocation that might reuse the address.
+  if constexpr (kLiveHook) detail::NotifyAllocationEvent(p, 0, false);
   std::free(p);
   AllocationCounters& c = Counters();
   c.cumulativeDeallocations += size;
@@ -74,6 +145,7 @@ void DoSizedFree(void* p, uint64_t size) noexcept {
 
 void DoUnsizedFree(void* p) noexcept {
   if (p == nullptr) return;
+  if constexpr (kLiveHook) detail::NotifyAllocationEvent(p, 0, false);
   std::free(p);
   AllocationCounters& c = Counters();
   ++c.callsToDelete;
@@ -102,8 +174,17 @@ uint64_t UnsizedDeallocations() noexcept {
 
 MemoryEventHandler::~MemoryEventHandler() = default;
 
-MemoryEventHandler* SetAllocationEventHandler(MemoryEventHandler* /*handler*/) noexcept {
-  return nullptr;  // inert on purpose: nothing is stored or installed
+MemoryEventHandler* SetAllocationEventHandler(MemoryEventHandler* handler) noexcept {
+  if constexpr (kLiveHook) {
+    return InstallEventHandler(handler);
+  } else {
+    (void)handler;
+    return nullptr;  // inert on purpose: nothing is stored or installed
+  }
+}
+
+bool IsAllocationEventHookLive() noexcept {
+  return kLiveHook;
 }
 
 // ---- the usage account and the shutdown flag -----------------------------------

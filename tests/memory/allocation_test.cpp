@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -205,6 +208,7 @@ TEST(MemoryResource, DefaultResourceIsExchangedAndRestored) {
 }
 
 TEST(MemoryEvents, SetAllocationEventHandlerInstallsNothing) {
+  if (IsAllocationEventHookLive()) GTEST_SKIP() << "this build has the live hook";
   struct Recorder : MemoryEventHandler {
     void OnAllocate(void*, uint64_t) override { ++events; }
     void OnFree(void*) override { ++events; }
@@ -215,6 +219,111 @@ TEST(MemoryEvents, SetAllocationEventHandlerInstallsNothing) {
   DoUnsizedFree(DoAllocation(8));
   EXPECT_EQ(0, first.events + second.events);
   EXPECT_EQ(nullptr, SetAllocationEventHandler(nullptr));
+}
+
+// The live hook (builds with ORU_LIVE_ALLOCATION_HOOK=ON). Other threads of
+// the process may allocate through the library meanwhile, so the recorders
+// look only for the blocks of the test.
+class LiveHookTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (!IsAllocationEventHookLive()) GTEST_SKIP() << "this build's hook is inert";
+  }
+  struct Recorder : MemoryEventHandler {
+    void OnAllocate(void* block, uint64_t size) override {
+      std::lock_guard<std::mutex> lock(mutex);
+      allocated.emplace_back(block, size);
+    }
+    void OnFree(void* block) override {
+      std::lock_guard<std::mutex> lock(mutex);
+      freed.push_back(block);
+    }
+    bool Allocated(void* block, uint64_t size) {
+      std::lock_guard<std::mutex> lock(mutex);
+      return std::count(allocated.begin(), allocated.end(), std::make_pair(block, size)) == 1;
+    }
+    bool Freed(void* block) {
+      std::lock_guard<std::mutex> lock(mutex);
+      return std::count(freed.begin(), freed.end(), block) == 1;
+    }
+    std::mutex mutex;
+    std::vector<std::pair<void*, uint64_t>> allocated;
+    std::vector<void*> freed;
+  };
+};
+
+TEST_F(LiveHookTest, DeliversEveryAllocationAndRelease) {
+  Recorder recorder, second;
+  ASSERT_EQ(nullptr, SetAllocationEventHandler(&recorder));
+  void* sized = DoAllocation(24);
+  void* unsized = DoAllocation(0);
+  EXPECT_TRUE(recorder.Allocated(sized, 24));
+  EXPECT_TRUE(recorder.Allocated(unsized, 0));  // the hook passes size 0 on
+  DoSizedFree(sized, 24);
+  DoUnsizedFree(unsized);
+  EXPECT_TRUE(recorder.Freed(sized));
+  EXPECT_TRUE(recorder.Freed(unsized));
+  DoUnsizedFree(nullptr);  // nothing to tell
+  EXPECT_FALSE(recorder.Freed(nullptr));
+  // Replacing returns the previous handler, which then hears nothing more.
+  EXPECT_EQ(&recorder, SetAllocationEventHandler(&second));
+  void* later = DoAllocation(8);
+  EXPECT_FALSE(recorder.Allocated(later, 8));
+  EXPECT_TRUE(second.Allocated(later, 8));
+  EXPECT_EQ(&second, SetAllocationEventHandler(nullptr));
+  DoSizedFree(later, 8);
+  EXPECT_FALSE(second.Freed(later));
+}
+
+TEST_F(LiveHookTest, AHandlerThatThrowsDoesNotBreakAllocation) {
+  struct Thrower : MemoryEventHandler {
+    void OnAllocate(void*, uint64_t) override { throw std::runtime_error("full"); }
+    void OnFree(void*) override { throw std::runtime_error("full"); }
+  } thrower;
+  SetAllocationEventHandler(&thrower);
+  void* block = nullptr;
+  EXPECT_NO_THROW(block = DoAllocation(32));
+  EXPECT_NE(nullptr, block);
+  DoSizedFree(block, 32);
+  EXPECT_EQ(&thrower, SetAllocationEventHandler(nullptr));
+}
+
+TEST_F(LiveHookTest, ReplacementWaitsForCallsInProgress) {
+  // A handler busy on another thread must have returned before the call
+  // that replaces it does, so that it may be destroyed right after.
+  struct Slow : MemoryEventHandler {
+    void OnAllocate(void*, uint64_t size) override {
+      if (size != 4321) return;
+      entered = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      finished = true;
+    }
+    void OnFree(void*) override {}
+    std::atomic<bool> entered{false}, finished{false};
+  } slow;
+  SetAllocationEventHandler(&slow);
+  std::thread allocator([] { DoSizedFree(DoAllocation(4321), 4321); });
+  while (!slow.entered) std::this_thread::yield();
+  EXPECT_EQ(&slow, SetAllocationEventHandler(nullptr));
+  EXPECT_TRUE(slow.finished);
+  allocator.join();
+}
+
+TEST_F(LiveHookTest, ReplacingUnderSteadyTrafficFinishes) {
+  // Threads allocating without pause must not keep a replacement waiting.
+  Recorder a, b;
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&stop] {
+      while (!stop) DoSizedFree(DoAllocation(16), 16);
+    });
+  }
+  for (int i = 0; i < 200; ++i) SetAllocationEventHandler(i % 2 ? &a : &b);
+  SetAllocationEventHandler(nullptr);
+  stop = true;
+  for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(a.allocated.empty() && b.allocated.empty());
 }
 
 // ---- the usage account and shutdown ------------------------------------------------
