@@ -37,8 +37,10 @@
 // destruction; it cannot be copied.
 //
 // Threading: the symbol libraries are not safe to call from several threads
-// at once, so a walker belongs to one thread at a time; use one walker per
-// thread. Construction and destruction may happen on any thread.
+// at once, so the lookups of a walker belong to one thread at a time; use
+// one walker per thread. CurrentCallstack uses no symbol library and may be
+// called on one walker from any number of threads at once. Construction and
+// destruction may happen on any thread.
 #pragma once
 
 #include <string>

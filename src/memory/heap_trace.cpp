@@ -137,7 +137,6 @@ const std::vector<std::string_view>& SkipNames() {
       "oru::DoSizedFree",
       "oru::DoUnsizedFree",
       "oru::detail::NotifyAllocationEvent",
-      "oru::StackWalker::CurrentCallstack",
   };
   return names;
 }
@@ -202,8 +201,13 @@ struct RawStackHash {
   }
 };
 
+// The stack walker's capture: it and every frame inside it are dropped.
+// Usually it is the first frame, but an interposed backtrace() (as
+// AddressSanitizer's) adds a frame of its own before it.
+constexpr std::string_view kCaptureName = "oru::StackWalker::CurrentCallstack";
+
 // What a frame is to the stack filter.
-enum class FrameRole : uint8_t { kPlain, kSkip, kStop, kStd };
+enum class FrameRole : uint8_t { kPlain, kCapture, kSkip, kStop, kStd };
 
 struct Instruction {
   uint32_t id;
@@ -349,7 +353,9 @@ private:
 
     FrameRole role = FrameRole::kPlain;
     const std::string_view key = ComparisonName(function);
-    if (m_skip.count(key) != 0) {
+    if (key == kCaptureName) {
+      role = FrameRole::kCapture;
+    } else if (m_skip.count(key) != 0) {
       role = FrameRole::kSkip;
     } else if (m_stop.count(key) != 0) {
       role = FrameRole::kStop;
@@ -385,8 +391,15 @@ private:
     m_frames.clear();
     for (void* pc : raw) m_frames.push_back(Describe(pc));
 
-    // Drop the machinery at the inner end, cut after a start-up frame.
+    // Drop the capture and the machinery at the inner end, cut after a
+    // start-up frame.
     size_t first = 0;
+    for (size_t i = 0; i < m_frames.size(); ++i) {
+      if (m_frames[i].role == FrameRole::kCapture) {
+        first = i + 1;
+        break;
+      }
+    }
     while (first < m_frames.size() && m_frames[first].role == FrameRole::kSkip) ++first;
     size_t end = first;
     while (end < m_frames.size() && m_frames[end].role != FrameRole::kStop) ++end;
