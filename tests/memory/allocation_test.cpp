@@ -310,20 +310,30 @@ TEST_F(LiveHookTest, ReplacementWaitsForCallsInProgress) {
 }
 
 TEST_F(LiveHookTest, ReplacingUnderSteadyTrafficFinishes) {
-  // Threads allocating without pause must not keep a replacement waiting.
+  // Threads allocating without pause must not keep a replacement waiting,
+  // and each handler hears the traffic of its own turn.
   Recorder a, b;
   std::atomic<bool> stop{false};
+  std::atomic<uint64_t> pairs{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&stop] {
-      while (!stop) DoSizedFree(DoAllocation(16), 16);
+    threads.emplace_back([&stop, &pairs] {
+      while (!stop) {
+        DoSizedFree(DoAllocation(16), 16);
+        ++pairs;
+      }
     });
   }
-  for (int i = 0; i < 200; ++i) SetAllocationEventHandler(i % 2 ? &a : &b);
+  for (int i = 0; i < 200; ++i) {
+    const uint64_t before = pairs.load();
+    while (pairs.load() < before + 50) std::this_thread::yield();  // traffic flows
+    SetAllocationEventHandler(i % 2 ? &a : &b);
+  }
   SetAllocationEventHandler(nullptr);
   stop = true;
   for (auto& thread : threads) thread.join();
-  EXPECT_FALSE(a.allocated.empty() && b.allocated.empty());
+  EXPECT_FALSE(a.allocated.empty());
+  EXPECT_FALSE(b.allocated.empty());
 }
 
 // ---- the usage account and shutdown ------------------------------------------------
