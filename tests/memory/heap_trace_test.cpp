@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -27,7 +28,7 @@
 
 namespace oru::trace_test {
 // Keeps calls from becoming jumps, so every helper keeps its own frame.
-inline volatile int g_sink = 0;
+inline std::atomic<int> g_sink{0};
 }  // namespace oru::trace_test
 
 // Helpers whose names begin with "std::", for the collapsing of runs of
@@ -36,15 +37,15 @@ namespace std {
 namespace {
 ORU_NOINLINE void OruTestStdInner(oru::MemoryEventHandler* handler, void* block) {
   handler->OnAllocate(block, 24);
-  oru::trace_test::g_sink = oru::trace_test::g_sink + 1;
+  oru::trace_test::g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 ORU_NOINLINE void OruTestStdMiddle(oru::MemoryEventHandler* handler, void* block) {
   OruTestStdInner(handler, block);
-  oru::trace_test::g_sink = oru::trace_test::g_sink + 1;
+  oru::trace_test::g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 ORU_NOINLINE void OruTestStdOuter(oru::MemoryEventHandler* handler, void* block) {
   OruTestStdMiddle(handler, block);
-  oru::trace_test::g_sink = oru::trace_test::g_sink + 1;
+  oru::trace_test::g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 }  // namespace
 }  // namespace std
@@ -63,7 +64,7 @@ struct TraceTag {};
 ORU_NOINLINE void* operator new(std::size_t size, oru::TraceTag, oru::MemoryEventHandler* handler,
                                 void* block) {
   handler->OnAllocate(block, size);
-  oru::g_sink = oru::g_sink + 1;
+  oru::g_sink.fetch_add(1, std::memory_order_relaxed);
   return block;
 }
 // The matching placement delete, needed only if a constructor threw.
@@ -78,27 +79,27 @@ struct Payload {
 
 ORU_NOINLINE void AllocateThroughOperatorNew(MemoryEventHandler* handler, void* block) {
   new (TraceTag{}, handler, block) Payload;
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 
 ORU_NOINLINE void AllocateLeaky(MemoryEventHandler* handler, void* block, uint64_t size) {
   handler->OnAllocate(block, size);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 
 ORU_NOINLINE void AllocateOther(MemoryEventHandler* handler, void* block, uint64_t size) {
   handler->OnAllocate(block, size);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 
 ORU_NOINLINE void Release(MemoryEventHandler* handler, void* block) {
   handler->OnFree(block);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 
 ORU_NOINLINE void CallStdRun(MemoryEventHandler* handler, void* block) {
   std::OruTestStdOuter(handler, block);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
 }
 
 void* Address(uintptr_t value) {
@@ -486,7 +487,7 @@ TEST_F(HeapTraceTest, WriteFailureOnTheWorkerIsReported) {
 
 ORU_NOINLINE void* AllocateThroughTheLibrary(uint64_t size) {
   void* block = DoAllocation(size);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
   return block;
 }
 

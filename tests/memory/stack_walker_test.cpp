@@ -2,14 +2,18 @@
 // program, in the library and outside any module.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "oru/heap_trace.h"
 #include "oru/stack_walker.h"
 #include "support/test_util.h"
 
@@ -22,8 +26,9 @@ namespace {
 #define ORU_NOINLINE
 #endif
 
-// Keeps the compiler from turning calls into jumps.
-volatile int g_sink = 0;
+// Keeps the compiler from turning calls into jumps (atomic: several threads
+// run the probe).
+std::atomic<int> g_sink{0};
 
 struct Probe {
   std::vector<void*> stack;
@@ -35,14 +40,14 @@ ORU_NOINLINE Probe WalkerProbe(StackWalker& walker) {
   // clang-format off
   probe.callLine = __LINE__; probe.stack = walker.CurrentCallstack();
   // clang-format on
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
   return probe;
 }
 
 ORU_NOINLINE size_t Recurse(StackWalker& walker, int depth) {
   if (depth == 0) return walker.CurrentCallstack().size();
   const size_t size = Recurse(walker, depth - 1);
-  g_sink = g_sink + 1;
+  g_sink.fetch_add(1, std::memory_order_relaxed);
   return size;
 }
 
@@ -149,6 +154,43 @@ TEST_F(StackWalkerTest, SeveralWalkersAtOnceOnSeveralThreads) {
   for (auto& thread : threads) thread.join();
   for (const auto& name : names) EXPECT_NE(std::string::npos, name.find("WalkerProbe")) << name;
 }
+
+#if !defined(_WIN32)
+// Run in a child process whose library path puts a library named libdw.so.1
+// that is not libdw first.
+TEST(StackWalkerWithoutLibdw, DISABLED_Child) {
+  try {
+    StackWalker walker;
+    FAIL() << "a walker was made without libdw";
+  } catch (const std::runtime_error& error) {
+    EXPECT_NE(std::string::npos, std::string(error.what()).find("libdw.so.1")) << error.what();
+  }
+  // A heap trace needs a walker too, and says so the same way.
+  test::TempDir dir;
+  EXPECT_THROW(HeapTrace trace(dir.File("t.trace")), std::runtime_error);
+}
+
+TEST(StackWalkerWithoutLibdw, ConstructionThrowsAClearError) {
+  // zlib is loaded in this process: a copy of it stands in for libdw.
+  std::ifstream maps("/proc/self/maps");
+  std::string zlib;
+  for (std::string line; std::getline(maps, line);) {
+    const size_t at = line.find('/');
+    if (at != std::string::npos && line.find("/libz.so") != std::string::npos) {
+      zlib = line.substr(at);
+      break;
+    }
+  }
+  ASSERT_FALSE(zlib.empty()) << "zlib is not mapped";
+  test::TempDir dir;
+  std::filesystem::copy_file(zlib, dir.path() / "libdw.so.1");
+  const std::string saved = test::GetEnv("LD_LIBRARY_PATH");
+  test::SetEnv("LD_LIBRARY_PATH", dir.path().string());
+  test::ChildProcess child("StackWalkerWithoutLibdw.DISABLED_Child");
+  test::SetEnv("LD_LIBRARY_PATH", saved);
+  EXPECT_EQ(0, child.WaitFor(120));
+}
+#endif
 
 }  // namespace
 }  // namespace oru
