@@ -17,7 +17,12 @@
 //   the program's directory, _NT_SYMBOL_PATH, _NT_ALTERNATE_SYMBOL_PATH,
 //   %SYSTEMROOT% and its system32, and the public symbol server cached under
 //   %SYSTEMDRIVE%\websymbols. The symbols of every module loaded at
-//   construction are loaded then. Function names come back undecorated.
+//   construction are loaded then; modules loaded later are not described.
+//   Function names come back undecorated; GCC and Clang (Itanium) names
+//   are demangled. What there is to find depends on the debug information
+//   the dbghelp.dll can read: Microsoft's reads PDB files and export tables,
+//   not DWARF; wine's also reads DWARF up to version 4 (names without
+//   parameter lists, not always qualified by their namespace or class).
 // - Linux: the stack is captured with backtrace() and symbolised with
 //   elfutils' libdw (libdw.so.1, Debian package libdw1) over the current
 //   process. Function names come back demangled, with their parameter lists
@@ -37,10 +42,15 @@
 // destruction; it cannot be copied.
 //
 // Threading: the symbol libraries are not safe to call from several threads
-// at once, so the lookups of a walker belong to one thread at a time; use
-// one walker per thread. CurrentCallstack uses no symbol library and may be
-// called on one walker from any number of threads at once. Construction and
-// destruction may happen on any thread.
+// at once, so the lookups of a walker belong to one thread at a time; on
+// Linux, use one walker per thread. On Windows all walkers of a process share
+// dbghelp's one symbol session, which the first walker destroyed closes for
+// the others, and dbghelp is not safe to call from several threads even
+// through different walkers: keep to one walker making lookups at a time per
+// process (a HeapTrace makes lookups on its worker thread while it lives).
+// CurrentCallstack uses no symbol library and may be called on one walker
+// from any number of threads at once. Construction and destruction may
+// happen on any thread.
 #pragma once
 
 #include <string>

@@ -1,0 +1,333 @@
+// What only the Windows StackWalker does: which dbghelp.dll it loads (an
+// installed "Debugging Tools for Windows" under %ProgramFiles%, unless the
+// program has a "<program>.exe.local" redirection), how a copy that cannot be
+// used is reported and released, and how system modules are described.
+//
+// The choice of dbghelp.dll is made by a fresh run of this program (see
+// ConstructInChild), so that a rejected copy never lingers in this process.
+// Under wine the tests change wine's DLL overrides in the registry while they
+// run (see WineDbgHelpOrder).
+#ifdef _WIN32
+
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "oru/stack_walker.h"
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr const char* FAILED_TO_LOAD_SYMBOLS = "Failed to load symbols from  the dbghelp.dll";
+constexpr const char* ERROR_WHILE_LOADING = "Error while loading dbghelp.dll";
+
+// The installation folders under %ProgramFiles%, in the order they are tried.
+constexpr const char* FOLDERS[] = {
+    "Debugging Tools for Windows (x64)",
+    "Debugging Tools for Windows",
+    "Debugging Tools for Windows 64-Bit",
+};
+
+// What the child run expects of constructing a walker: "works", or the text
+// of the exception it must throw.
+constexpr const char* EXPECT_VARIABLE = "ORU_TEST_STACK_WALKER_EXPECT";
+
+bool UnderWine() {
+  const HMODULE ntdll = GetModuleHandleA("ntdll.dll");
+  return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
+}
+
+// An export of kernel32, which dbghelp can always name from the export table.
+void* KernelExport() {
+  return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "CreateFileA"));
+}
+
+std::string ModulePath(HMODULE module) {
+  char path[MAX_PATH];
+  const DWORD n = GetModuleFileNameA(module, path, MAX_PATH);
+  return n == 0 || n >= MAX_PATH ? std::string() : std::string(path, n);
+}
+
+// A DLL without the Sym* entry points, built with this program and placed
+// next to it (tests/support/plain_dll.cc).
+std::string DllWithoutSymbolFunctions() {
+  const std::string exe = ModulePath(nullptr);
+  const std::size_t cut = exe.find_last_of("\\/");
+  return cut == std::string::npos ? std::string() : exe.substr(0, cut) + "\\oru_test_plain.dll";
+}
+
+std::string SystemDbgHelp() {
+  char dir[MAX_PATH];
+  const UINT n = GetSystemDirectoryA(dir, MAX_PATH);
+  return n == 0 || n >= MAX_PATH ? std::string() : std::string(dir, n) + "\\dbghelp.dll";
+}
+
+// Sets an environment variable (empty: removes it) while the object lives.
+class ScopedEnv {
+public:
+  ScopedEnv(std::string name, const std::string& value)
+      : m_name(std::move(name)), m_saved(test::GetEnv(m_name)) {
+    test::SetEnv(m_name, value);
+  }
+  ~ScopedEnv() { test::SetEnv(m_name, m_saved); }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+  std::string m_name;
+  std::string m_saved;
+};
+
+// A %ProgramFiles% of our own for the child runs, into whose installation
+// folders copies of dbghelp.dll are placed. It travels in a variable of ours:
+// wine sets ProgramFiles afresh in every process it starts.
+constexpr const char* PROGRAM_FILES_VARIABLE = "ORU_TEST_PROGRAM_FILES";
+
+class ProgramFiles {
+public:
+  ProgramFiles() : m_env(PROGRAM_FILES_VARIABLE, m_dir.path().string()) {}
+
+  void Place(const char* folder, const std::string& source) {
+    fs::create_directories(m_dir.path() / folder);
+    fs::copy_file(source, m_dir.path() / folder / "dbghelp.dll");
+  }
+  void PlaceBytes(const char* folder, const std::string& bytes) {
+    fs::create_directories(m_dir.path() / folder);
+    test::WriteFile((m_dir.path() / folder / "dbghelp.dll").string(), bytes);
+  }
+
+private:
+  test::TempDir m_dir;
+  ScopedEnv m_env;
+};
+
+// wine loads its built-in dbghelp in place of any file of that name. While
+// this object lives, wine's DLL overrides (HKCU\Software\Wine\DllOverrides,
+// which wine reads at each load, also in child processes) give `order` for
+// dbghelp: "native,builtin" makes wine load the copies these tests place, as
+// Windows does; "" keeps every dbghelp from loading. Nothing changes on
+// Windows.
+class WineDbgHelpOrder {
+public:
+  explicit WineDbgHelpOrder(const char* order) : m_active(UnderWine()) {
+    if (!m_active) return;
+    char saved[256];
+    DWORD size = sizeof(saved);
+    m_hadValue = RegGetValueA(HKEY_CURRENT_USER, KEY, "dbghelp", RRF_RT_REG_SZ, nullptr, saved,
+                              &size) == ERROR_SUCCESS;
+    if (m_hadValue) m_saved = saved;
+    Set(order);
+  }
+  ~WineDbgHelpOrder() {
+    if (!m_active) return;
+    if (m_hadValue) {
+      Set(m_saved.c_str());
+    } else {
+      RegDeleteKeyValueA(HKEY_CURRENT_USER, KEY, "dbghelp");
+    }
+  }
+  WineDbgHelpOrder(const WineDbgHelpOrder&) = delete;
+  WineDbgHelpOrder& operator=(const WineDbgHelpOrder&) = delete;
+
+private:
+  static constexpr const char* KEY = "Software\\Wine\\DllOverrides";
+  static void Set(const char* order) {
+    RegSetKeyValueA(HKEY_CURRENT_USER, KEY, "dbghelp", REG_SZ, order,
+                    static_cast<DWORD>(std::strlen(order) + 1));
+  }
+
+  const bool m_active;
+  bool m_hadValue = false;
+  std::string m_saved;
+};
+
+// Constructs a walker in a fresh run of this program (the test below); true
+// when it behaved as `expected` says.
+bool ConstructInChild(const std::string& expected,
+                      const char* childTest = "StackWalkerWin.DISABLED_ConstructInChild") {
+  ScopedEnv expect(EXPECT_VARIABLE, expected);
+  test::ChildProcess child(childTest);
+  return child.WaitFor(300) == 0;
+}
+
+// The child side: takes over the parent's %ProgramFiles%, if it set one.
+void UseParentsProgramFiles() {
+  const std::string programFiles = test::GetEnv(PROGRAM_FILES_VARIABLE);
+  if (!programFiles.empty()) test::SetEnv("ProgramFiles", programFiles);
+}
+
+TEST(StackWalkerWin, DISABLED_ConstructInChild) {
+  const std::string expected = test::GetEnv(EXPECT_VARIABLE);
+  if (expected.empty()) GTEST_SKIP() << "runs only as a child of the dbghelp selection tests";
+  UseParentsProgramFiles();
+  if (expected == "works") {
+    StackWalker walker;
+    EXPECT_THAT(walker.FunctionForAddress(KernelExport()), HasSubstr("CreateFile"));
+    return;
+  }
+  try {
+    StackWalker walker;
+    ADD_FAILURE() << "the walker was made; expected: " << expected;
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()), expected);
+  }
+}
+
+// A rejected copy must be released: the loader would otherwise hand it out
+// again for the plain name "dbghelp.dll".
+TEST(StackWalkerWin, DISABLED_RejectedCopyIsReleased) {
+  if (test::GetEnv(EXPECT_VARIABLE).empty()) GTEST_SKIP() << "runs only as a child";
+  UseParentsProgramFiles();
+  try {
+    StackWalker walker;
+    ADD_FAILURE() << "the copy without Sym* functions was accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()), FAILED_TO_LOAD_SYMBOLS);
+  }
+  test::SetEnv("ProgramFiles", "");  // from now on the system's copy
+  StackWalker walker;
+  EXPECT_THAT(walker.FunctionForAddress(KernelExport()), HasSubstr("CreateFile"));
+}
+
+class StackWalkerSelection : public ::testing::Test {
+protected:
+  void SetUp() override {
+    m_fake = DllWithoutSymbolFunctions();
+    m_real = SystemDbgHelp();
+    ASSERT_TRUE(fs::exists(m_fake)) << m_fake;
+    ASSERT_TRUE(fs::exists(m_real)) << m_real;
+  }
+
+  WineDbgHelpOrder m_order{"native,builtin"};
+  std::string m_fake;  // loads, but has no Sym* functions
+  std::string m_real;  // a working dbghelp.dll
+};
+
+TEST_F(StackWalkerSelection, InstalledCopyIsPreferredUnlessTheProgramIsRedirected) {
+  ProgramFiles programFiles;
+  programFiles.Place(FOLDERS[0], m_fake);
+  EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS))
+      << "the installed copy was not the one loaded";
+
+  const std::string local = ModulePath(nullptr) + ".local";
+  if (fs::exists(local)) GTEST_SKIP() << local << " exists already; not touching it";
+  struct Remove {
+    std::string path;
+    ~Remove() { DeleteFileA(path.c_str()); }
+  } remove{local};
+  test::WriteFile(local, "");
+  EXPECT_TRUE(ConstructInChild("works"))
+      << "with " << local << " the installed copy must not be searched";
+}
+
+TEST_F(StackWalkerSelection, EachInstallationFolderIsSearched) {
+  for (const char* folder : FOLDERS) {
+    ProgramFiles programFiles;
+    programFiles.Place(folder, m_fake);
+    EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS)) << folder;
+  }
+}
+
+TEST_F(StackWalkerSelection, FirstFolderHoldingACopyWins) {
+  {
+    ProgramFiles programFiles;
+    programFiles.Place(FOLDERS[0], m_real);
+    programFiles.Place(FOLDERS[1], m_fake);
+    EXPECT_TRUE(ConstructInChild("works")) << FOLDERS[0] << " first";
+  }
+  {
+    ProgramFiles programFiles;
+    programFiles.Place(FOLDERS[1], m_fake);
+    programFiles.Place(FOLDERS[2], m_real);
+    EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS)) << FOLDERS[1] << " before " << FOLDERS[2];
+  }
+}
+
+// A candidate that exists but does not load ends the search too: the
+// system's copy is taken, not the next installation folder's.
+TEST_F(StackWalkerSelection, UnloadableCandidateFallsBackToTheSystemCopy) {
+  if (UnderWine()) {
+    GTEST_SKIP() << "wine loads its built-in dbghelp in place of a file that is no DLL, so the "
+                    "fallback cannot be told apart";
+  }
+  ProgramFiles programFiles;
+  programFiles.PlaceBytes(FOLDERS[0], "not a DLL");
+  programFiles.Place(FOLDERS[1], m_fake);
+  EXPECT_TRUE(ConstructInChild("works"));
+}
+
+TEST_F(StackWalkerSelection, RejectedCopyIsReleased) {
+  ProgramFiles programFiles;
+  programFiles.Place(FOLDERS[0], m_fake);
+  EXPECT_TRUE(ConstructInChild("child", "StackWalkerWin.DISABLED_RejectedCopyIsReleased"));
+}
+
+TEST(StackWalkerWin, NoLoadableDbgHelpIsReported) {
+  if (!UnderWine()) {
+    GTEST_SKIP() << "only wine can keep the system's dbghelp.dll from loading (an override)";
+  }
+  WineDbgHelpOrder disabled("");
+  EXPECT_TRUE(ConstructInChild(ERROR_WHILE_LOADING));
+}
+
+// Tool Help (or psapi) finds the system modules at construction, and their
+// export tables give names.
+TEST(StackWalkerWin, SystemModulesAreDescribed) {
+  StackWalker walker;
+  void* address = KernelExport();
+  EXPECT_THAT(walker.FunctionForAddress(address), HasSubstr("CreateFile"));
+  std::string module = walker.ModuleForAddress(address);
+  for (char& c : module) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  EXPECT_EQ(module, "kernel32");
+}
+
+// Code built by GCC or Clang carries Itanium names. Where dbghelp knows a
+// function only from the export table (here a stripped DLL; on Windows any
+// code without a PDB), the name comes back demangled.
+TEST(StackWalkerWin, ExportedItaniumNamesAreDemangled) {
+  const HMODULE plain = LoadLibraryA(DllWithoutSymbolFunctions().c_str());
+  ASSERT_NE(plain, nullptr) << DllWithoutSymbolFunctions();
+  void* probe = reinterpret_cast<void*>(GetProcAddress(plain, "_ZN3oru4test10PlainProbeEi"));
+  ASSERT_NE(probe, nullptr);
+  {
+    StackWalker walker;  // after the load: modules are taken in at construction
+    EXPECT_EQ(walker.FunctionForAddress(probe), "oru::test::PlainProbe(int)");
+    EXPECT_EQ(walker.ModuleForAddress(probe), "oru_test_plain");
+  }
+  FreeLibrary(plain);
+}
+
+// The lookups report their failures through GetLastError.
+TEST(StackWalkerWin, UnknownAddressSetsLastError) {
+  StackWalker walker;
+  void* nowhere = reinterpret_cast<void*>(0x10);
+  SetLastError(ERROR_SUCCESS);
+  const std::string function = walker.FunctionForAddress(nowhere);
+  const DWORD functionError = GetLastError();
+  SetLastError(ERROR_SUCCESS);
+  const std::string module = walker.ModuleForAddress(nowhere);
+  const DWORD moduleError = GetLastError();
+  EXPECT_EQ(function, "");
+  EXPECT_NE(functionError, static_cast<DWORD>(ERROR_SUCCESS)) << "dbghelp's reason is kept";
+  EXPECT_EQ(module, "");
+  EXPECT_EQ(moduleError, static_cast<DWORD>(ERROR_DLL_INIT_FAILED));
+}
+
+}  // namespace
+}  // namespace oru
+
+#endif  // _WIN32
