@@ -217,7 +217,9 @@ struct Instruction {
 // Lives on the worker thread: turns events into records.
 class TraceWriter {
 public:
-  explicit TraceWriter(const std::string& fileName) : m_file(detail::OpenFile(fileName, "w")) {
+  // Binary mode: every line ends in a bare "\n" on every platform, as
+  // heaptrack's readers expect.
+  explicit TraceWriter(const std::string& fileName) : m_file(detail::OpenFile(fileName, "wb")) {
     if (m_file == nullptr)
       throw std::runtime_error("Could not open trace file \"" + fileName + "\"");
     using namespace std::chrono;

@@ -413,6 +413,10 @@ TEST_F(HeapTraceTest, WorkerThreadStacksRunToTheirLastFrame) {
 }
 
 TEST_F(HeapTraceTest, RunsOfStdFramesKeepTheirOutermostFrame) {
+#ifdef _WIN32
+  GTEST_SKIP() << "wine's dbghelp names these functions without their namespace, so none begins "
+                  "with \"std::\"";
+#endif
   {
     HeapTrace trace(path);
     CallStdRun(trace.Handler(), Address(0x10));
@@ -426,6 +430,10 @@ TEST_F(HeapTraceTest, RunsOfStdFramesKeepTheirOutermostFrame) {
 }
 
 TEST_F(HeapTraceTest, ALoneStdFrameStays) {
+#ifdef _WIN32
+  GTEST_SKIP() << "wine's dbghelp names these functions without their namespace, so none begins "
+                  "with \"std::\"";
+#endif
   {
     HeapTrace trace(path);
     std::OruTestStdInner(trace.Handler(), Address(0x10));
