@@ -31,7 +31,8 @@
 //
 // Cost: the allocating thread captures the raw stack, reads the clock and
 // appends to a queue under a lock; symbolising, numbering and writing
-// happen on the tracer's own worker thread, which owns the file.
+// happen on the tracer's own worker thread, which owns the file. The worker
+// takes the queue in batches, at most about 10 ms after an event was queued.
 //
 // Failure: a file that cannot be created is reported on standard error as
 // "Could not create trace file \"<name>\"" and the object then traces
