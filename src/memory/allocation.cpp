@@ -67,7 +67,7 @@ constinit std::atomic<uint32_t> s_handlerCalls[2]{0, 0};
 // handler does not wait for its own call.
 thread_local int t_handlerDepth = 0;
 
-MemoryEventHandler* InstallEventHandler(MemoryEventHandler* handler) noexcept {
+[[maybe_unused]] MemoryEventHandler* InstallEventHandler(MemoryEventHandler* handler) noexcept {
   static std::atomic_flag installing = ATOMIC_FLAG_INIT;
   while (installing.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
   MemoryEventHandler* previous = s_eventHandler.exchange(handler);
