@@ -20,6 +20,9 @@ import os
 import statistics
 import sys
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from bench_table import print_table  # noqa: E402  (the same table layout)
+
 TARGET = 1.5
 
 
@@ -112,19 +115,6 @@ def tables(runs):
     return [(header, main), (header, split), (writer_header, writer), (capture_header, capture)]
 
 
-def print_table(header, table, markdown):
-    if markdown:
-        print("| " + " | ".join(header) + " |")
-        print("|" + "|".join("---" for _ in header) + "|")
-        for r in table:
-            print("| " + " | ".join(r) + " |")
-    else:
-        widths = [max(len(str(r[i])) for r in table + [header]) for i in range(len(header))]
-        for r in [header] + table:
-            print("  ".join(str(x).ljust(w) for x, w in zip(r, widths)).rstrip())
-    print()
-
-
 def main():
     args = [a for a in sys.argv[1:] if not a.startswith("--")]
     markdown = "--markdown" in sys.argv[1:]
@@ -134,6 +124,7 @@ def main():
     runs = load(args[0])
     for header, table in tables(runs):
         print_table(header, table, markdown)
+        print()
     ratios = [overhead(r, "oru", "loop_ns") / overhead(r, "heaptrack", "loop_ns") for r in runs]
     cpu_ratios = [overhead(r, "oru", "loop_cpu_ns") / overhead(r, "heaptrack", "loop_cpu_ns")
                   for r in runs]
