@@ -15,18 +15,33 @@
 //
 // Members are inflated eagerly and whole into a new InMemoryDataSource on
 // every request; two requests give two independent copies. Lookup is ASCII
-// case-insensitive and accepts "\" as a directory separator. The central
-// directory is read lazily, only as far as a lookup needs, and each entry at
-// most once over the life of the archive.
+// case-insensitive and takes "\" and "/" alike, in requests and in stored
+// names: every listed name opens. The central directory is read once, whole,
+// on the first lookup or listing (which members overlap can only be told
+// from all of them). Zip64 archives and members are read, as are archives
+// with bytes in front (self-extractors), with a comment of up to 65,535
+// bytes, or with no members at all.
 //
-// Hostile archives never crash the reader; what a caller gets:
-// - not a ZIP, or a truncated central directory: IsValid() is false, or the
-//   entries that could be read are found and the rest are misses (null);
-// - a member whose data is corrupt or cut short: a source of the declared
-//   size whose unread tail is zero;
-// - a declared size that cannot be allocated, or that the member's
-//   compressed bytes could never produce (more than they hold when stored,
-//   more than 1032 times when deflated): null;
+// Every member served has been checked against its CRC-32, so a member is
+// either exact or refused: null, and one line on the standard error stream
+//   Cannot read ZIP member "<name>" of "zipdatastream://<n>" (<reason>).
+// where the reason is one of: encrypted; compression method <m> (only
+// stored and deflated are read); CRC-32 mismatch; corrupt data (the data
+// cannot be inflated, or ends early); data cut short (the archive ends before
+// the member's data does); no local header; declared size impossible for its
+// compressed data (more than they hold when stored, more than 1032 times
+// when deflated); sizes missing from its Zip64 extra field; overlaps another
+// member, or overlaps the central directory (its local header lies inside
+// the bytes of a member located before it, or it is not wholly before the
+// directory: reading every member of such an archive would inflate the
+// same bytes over and over); not enough memory. A member whose data is
+// corrupt or cut short is refused, not served with a zero tail. Refused
+// members are still listed.
+//
+// Other hostile archives never crash the reader either:
+// - not a ZIP: IsValid() is false and every lookup yields null;
+// - a directory cut off or malformed part-way: the entries before the
+//   damage are found, the rest are misses;
 // - duplicate names: the first entry of the name wins;
 // - names longer than 2048 bytes: known by their first 2048 bytes;
 // - a source that fails or throws mid-read: the read counts as an error.

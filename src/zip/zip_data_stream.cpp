@@ -1,19 +1,19 @@
 #include "oru/zip_data_stream.h"
 
-#include <minizip/unzip.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <climits>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <unordered_map>
 
 #include "oru/file_data_source.h"
 #include "oru/make_shared_enabler.h"
-#include "zip/minizip_bridge.h"
+#include "text/echo_text.h"
+#include "zip/zip_directory.h"
 
 namespace oru {
 
@@ -22,10 +22,11 @@ namespace {
 constexpr char URL_PREFIX[] = "zipdatastream://";
 constexpr size_t URL_PREFIX_LENGTH = sizeof(URL_PREFIX) - 1;
 constexpr char DISPLAY_PREFIX[] = "_qd_zip://";
-constexpr uLong NAME_BUFFER = 2048;
 constexpr uint64_t MAX_DEFLATE_RATIO = 1032;
-// Any non-null value: the source is already open, minizip only needs a handle.
-void* const OPEN_TOKEN = reinterpret_cast<void*>(1);
+constexpr uint16_t STORED = 0;
+constexpr uint16_t DEFLATED = 8;
+constexpr uint16_t ENCRYPTED_FLAG = 1;
+constexpr uint64_t INPUT_CHUNK = 64 * 1024;
 
 std::atomic<uint64_t> s_nextId{0};
 
@@ -41,155 +42,145 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-std::string LowerAscii(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+// The form names are compared in: ASCII lower case, "/" between directories.
+std::string LookupKey(std::string text) {
+  for (char& c : text) {
+    c = c == '\\' ? '/' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
   return text;
+}
+
+// A declared size that the member's compressed bytes could never produce
+// (deflate expands at most 1032 times; stored data not at all) marks a lying
+// entry: without this check a tiny archive could make every request allocate
+// gigabytes of zeros.
+bool IsPossibleSize(const detail::ZipEntry& entry) {
+  const uint64_t packed = entry.compressedSize;
+  if (entry.method == STORED) return entry.size <= packed;
+  return packed >= (UINT64_MAX - 1024) / MAX_DEFLATE_RATIO ||
+         entry.size <= packed * MAX_DEFLATE_RATIO + 1024;
 }
 
 }  // namespace
 
 struct ZipDataStream::Unzipper {
   std::shared_ptr<DataSource> source;
-  std::map<std::string, unz64_file_pos> tocIndex;
-  bool tocComplete = false;
-  unzFile zipHandle = nullptr;
-  unz64_file_pos lastScanned{};
+  detail::ZipSourceReader reader;
+  detail::ZipDirectoryBounds bounds;
+  bool valid = false;
+  bool directoryRead = false;
+  std::vector<detail::ZipEntry> entries;
+  // Lookup key to the index of the first entry of that name.
+  std::unordered_map<std::string, size_t> tocIndex;
   std::string uniqueId;
 
   explicit Unzipper(const std::shared_ptr<DataSource>& src)
-      : source(src), uniqueId(URL_PREFIX + std::to_string(s_nextId.fetch_add(1))) {
-    if (!source) return;
-    zlib_filefunc64_def functions = detail::MinizipFunctions(this);
-    zipHandle = unzOpen2_64(nullptr, &functions);
+      : source(src), reader(src), uniqueId(URL_PREFIX + std::to_string(s_nextId.fetch_add(1))) {
+    valid = source && detail::FindZipDirectory(reader, &bounds);
   }
 
-  ~Unzipper() {
-    if (zipHandle != nullptr) unzClose(zipHandle);
+  // The directory is read once, whole, on first need: which members overlap
+  // can only be told from all of them.
+  void ReadDirectory() {
+    if (directoryRead || !valid) return;
+    directoryRead = true;
+    entries = detail::ReadZipDirectory(reader, bounds);
+    tocIndex.reserve(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) tocIndex.emplace(LookupKey(entries[i].name), i);
   }
 
-  // ---- the I/O bridge from minizip to the source --------------------------
-
-  static voidpf ZCALLBACK Open(voidpf, const void*, int) { return OPEN_TOKEN; }
-
-  static uLong ZCALLBACK Read(voidpf opaque, voidpf, void* buffer, uLong size) {
-    auto* self = static_cast<Unzipper*>(opaque);
-    try {
-      return static_cast<uLong>(self->source->GetBytes(static_cast<std::byte*>(buffer), size));
-    } catch (...) {
-      // An exception must not cross minizip's C frames; a failed read is
-      // reported as nothing read.
-      return 0;
-    }
+  const detail::ZipEntry* Locate(const std::string& member) {
+    ReadDirectory();
+    const auto known = tocIndex.find(LookupKey(member));
+    return known != tocIndex.end() ? &entries[known->second] : nullptr;
   }
 
-  static uLong ZCALLBACK Write(voidpf, voidpf, const void*, uLong) { return 0; }
-
-  static ZPOS64_T ZCALLBACK Tell(voidpf opaque, voidpf) {
-    return static_cast<Unzipper*>(opaque)->source->GetOffset();
-  }
-
-  static long ZCALLBACK Seek(voidpf opaque, voidpf, ZPOS64_T offset, int origin) {
-    SeekOrigin o;
-    switch (origin) {
-      case ZLIB_FILEFUNC_SEEK_SET:
-        o = DS_SEEK_SET;
-        break;
-      case ZLIB_FILEFUNC_SEEK_CUR:
-        o = DS_SEEK_CUR;
-        break;
-      case ZLIB_FILEFUNC_SEEK_END:
-        o = DS_SEEK_END;
-        break;
-      default:
-        return -1;
-    }
-    return static_cast<Unzipper*>(opaque)->source->Seek(static_cast<int64_t>(offset), o);
-  }
-
-  static int ZCALLBACK Close(voidpf, voidpf) { return 0; }
-  static int ZCALLBACK TestError(voidpf, voidpf) { return 0; }
-
-  // ---- the lazy table of contents -----------------------------------------
-
-  // The name of the current entry (cut at 2048 bytes), or false on error.
-  bool CurrentName(std::string* name, unz_file_info64* info) {
-    char buffer[NAME_BUFFER];
-    if (unzGetCurrentFileInfo64(zipHandle, info, buffer, NAME_BUFFER, nullptr, 0, nullptr, 0) !=
-        UNZ_OK)
-      return false;
-    name->assign(buffer, std::min<uLong>(info->size_filename, NAME_BUFFER));
-    return true;
-  }
-
-  // Positions minizip on the member `wanted` (already lower case).
-  bool Locate(const std::string& wanted) {
-    if (zipHandle == nullptr) return false;
-    auto known = tocIndex.find(wanted);
-    if (known != tocIndex.end()) return unzGoToFilePos64(zipHandle, &known->second) == UNZ_OK;
-    if (tocComplete) return false;
-
-    int rc;
-    if (!tocIndex.empty()) {
-      rc = unzGoToFilePos64(zipHandle, &lastScanned);
-      if (rc == UNZ_OK) rc = unzGoToNextFile(zipHandle);
-    } else {
-      rc = unzGoToFirstFile(zipHandle);
-    }
-    while (rc == UNZ_OK) {
-      std::string name;
-      unz_file_info64 info;
-      unz64_file_pos position;
-      if (!CurrentName(&name, &info) || unzGetFilePos64(zipHandle, &position) != UNZ_OK) break;
-      name = LowerAscii(std::move(name));
-      tocIndex.emplace(name, position);  // the first entry of a duplicated name wins
-      lastScanned = position;
-      if (name == wanted) return true;
-      rc = unzGoToNextFile(zipHandle);
-    }
-    tocComplete = true;
-    return false;
-  }
-
-  // A declared size that the member's compressed bytes could never produce
-  // (deflate expands at most 1032 times; stored data not at all) marks a
-  // lying entry: without this check a tiny archive could make every request
-  // allocate gigabytes of zeros.
-  static bool IsPossibleSize(const unz_file_info64& info) {
-    const uint64_t packed = info.compressed_size;
-    const uint64_t size = info.uncompressed_size;
-    if (info.compression_method == 0) return size <= packed;
-    if (info.compression_method == Z_DEFLATED)
-      return packed >= (UINT64_MAX - 1024) / MAX_DEFLATE_RATIO ||
-             size <= packed * MAX_DEFLATE_RATIO + 1024;
-    return true;
-  }
-
-  std::shared_ptr<DataSource> Extract(std::string member) {
-    std::replace(member.begin(), member.end(), '\\', '/');
-    if (!Locate(LowerAscii(std::move(member)))) return {};
-    if (unzOpenCurrentFile(zipHandle) != UNZ_OK) return {};
-    std::shared_ptr<InMemoryDataSource> result;
-    unz_file_info64 info;
-    if (unzGetCurrentFileInfo64(zipHandle, &info, nullptr, 0, nullptr, 0, nullptr, 0) == UNZ_OK &&
-        IsPossibleSize(info)) {
-      result = InMemoryDataSource::Create(static_cast<uint64_t>(info.uncompressed_size),
-                                          source->IsTempFile());
-      // A declared size that could not be allocated gives an empty block.
-      if (result->GetDataBuffer() == nullptr && info.uncompressed_size != 0) result.reset();
-    }
-    if (result) {
-      auto* out = const_cast<std::byte*>(result->GetDataBuffer());
-      uint64_t done = 0;
-      const uint64_t size = result->GetFileSize();
-      while (done < size) {
-        const auto want = static_cast<unsigned>(std::min<uint64_t>(size - done, INT_MAX));
-        const int got = unzReadCurrentFile(zipHandle, out + done, want);
-        if (got <= 0) break;  // corrupt or cut short: the tail stays zero
-        done += static_cast<uint64_t>(got);
+  // Raw deflate from `packed` bytes at `at` into exactly `size` bytes; false
+  // when the stream is corrupt or ends before filling them.
+  bool Inflate(uint64_t at, uint64_t packed, unsigned char* out, uint64_t size) {
+    z_stream stream{};
+    if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return false;
+    struct End {
+      z_stream* s;
+      ~End() { inflateEnd(s); }
+    } end{&stream};
+    const unsigned char* inPlace = reader.InPlace(at, packed);
+    std::vector<unsigned char> chunk;
+    uint64_t fed = 0;
+    uint64_t done = 0;
+    while (done < size) {
+      if (stream.avail_in == 0) {
+        if (fed == packed) return false;  // the data ends before the member does
+        const uint64_t n = std::min<uint64_t>(packed - fed, inPlace ? UINT_MAX : INPUT_CHUNK);
+        if (inPlace != nullptr) {
+          stream.next_in = const_cast<unsigned char*>(inPlace + fed);
+        } else {
+          chunk.resize(static_cast<size_t>(n));
+          if (!reader.ReadAt(at + fed, chunk.data(), n)) return false;
+          stream.next_in = chunk.data();
+        }
+        stream.avail_in = static_cast<uInt>(n);
+        fed += n;
       }
+      stream.next_out = out + done;
+      stream.avail_out = static_cast<uInt>(std::min<uint64_t>(size - done, UINT_MAX));
+      const uInt room = stream.avail_out;
+      const int rc = inflate(&stream, Z_NO_FLUSH);
+      done += room - stream.avail_out;
+      if (rc == Z_STREAM_END) break;
+      if (rc != Z_OK && (rc != Z_BUF_ERROR || stream.avail_in != 0)) return false;
     }
-    unzCloseCurrentFile(zipHandle);
-    if (result) result->SetTimeStamp(source->GetTimeStamp());
+    return done == size;
+  }
+
+  // The member's bytes, checked against its CRC-32; null with the reason in
+  // `*why` when they cannot be had or trusted.
+  std::shared_ptr<InMemoryDataSource> Read(const detail::ZipEntry& entry, std::string* why) {
+    uint64_t dataStart = 0;
+    if (entry.defect != nullptr) {
+      *why = entry.defect;
+    } else if ((entry.flags & ENCRYPTED_FLAG) != 0) {
+      *why = "encrypted";
+    } else if (entry.method != STORED && entry.method != DEFLATED) {
+      *why = "compression method " + std::to_string(entry.method);
+    } else if (!detail::FindZipEntryData(reader, entry, &dataStart)) {
+      *why = "no local header";
+    } else if (dataStart > reader.Size() || entry.compressedSize > reader.Size() - dataStart) {
+      *why = "data cut short";
+    } else if (!IsPossibleSize(entry)) {
+      *why = "declared size impossible for its compressed data";
+    }
+    if (!why->empty()) return nullptr;
+    auto result = InMemoryDataSource::Create(entry.size, source->IsTempFile());
+    auto* out = reinterpret_cast<unsigned char*>(const_cast<std::byte*>(result->GetDataBuffer()));
+    if (out == nullptr && entry.size != 0) {
+      *why = "not enough memory";
+      return nullptr;
+    }
+    const bool complete = entry.method == STORED
+                              ? reader.ReadAt(dataStart, out, entry.size)
+                              : Inflate(dataStart, entry.compressedSize, out, entry.size);
+    if (!complete) {
+      *why = "corrupt data";
+    } else if (crc32_z(0, out, static_cast<z_size_t>(entry.size)) != entry.crc) {
+      *why = "CRC-32 mismatch";
+    }
+    if (!why->empty()) return nullptr;
+    return result;
+  }
+
+  std::shared_ptr<DataSource> Extract(const std::string& member) {
+    const detail::ZipEntry* entry = Locate(member);
+    if (entry == nullptr) return nullptr;
+    std::string why;
+    std::shared_ptr<InMemoryDataSource> result = Read(*entry, &why);
+    if (!result) {
+      const std::string line = "Cannot read ZIP member \"" + detail::EchoText(entry->name) +
+                               "\" of \"" + uniqueId + "\" (" + why + ").\n";
+      std::fwrite(line.data(), 1, line.size(), stderr);
+      return nullptr;
+    }
+    result->SetTimeStamp(source->GetTimeStamp());
     return result;
   }
 };
@@ -209,7 +200,7 @@ ZipDataStream::ZipDataStream(const std::shared_ptr<DataSource>& source)
 ZipDataStream::~ZipDataStream() = default;
 
 bool ZipDataStream::IsValid() const {
-  return unzipper->zipHandle != nullptr;
+  return unzipper->valid;
 }
 
 const std::string& ZipDataStream::GetUniqueId() const {
@@ -235,19 +226,13 @@ std::string ZipDataStream::ComponentUrl(BasicStringSpan<const char> member) cons
 
 bool ZipDataStream::ListContents(std::vector<std::string>* out) {
   Unzipper& u = *unzipper;
-  unz_global_info64 global;
-  if (unzGetGlobalInfo64(u.zipHandle, &global) != UNZ_OK) {
+  if (!u.valid) {
     const std::string line = "Failed to get ToC for ZIP file \"" + u.uniqueId + "\"\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     return false;
   }
-  if (unzGoToFirstFile(u.zipHandle) != UNZ_OK) return false;
-  do {
-    std::string name;
-    unz_file_info64 info;
-    if (!u.CurrentName(&name, &info)) break;
-    out->push_back(std::move(name));
-  } while (unzGoToNextFile(u.zipHandle) == UNZ_OK);
+  u.ReadDirectory();
+  for (const detail::ZipEntry& entry : u.entries) out->push_back(entry.name);
   return true;
 }
 

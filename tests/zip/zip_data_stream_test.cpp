@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <stdexcept>
 #include <thread>
@@ -19,16 +20,17 @@
 namespace oru::test {
 namespace {
 
-// An in-memory archive whose reads are counted, to see how much of the
+// An in-memory archive whose bytes read are counted, to see how much of the
 // directory a lookup touches.
 class CountingSource : public InMemoryDataSource {
 public:
   explicit CountingSource(std::string bytes) : InMemoryDataSource(std::move(bytes), false) {}
   uint64_t GetBytes(std::byte* dst, uint64_t count) override {
-    ++reads;
-    return InMemoryDataSource::GetBytes(dst, count);
+    const uint64_t got = InMemoryDataSource::GetBytes(dst, count);
+    read += got;
+    return got;
   }
-  int reads = 0;
+  uint64_t read = 0;
 };
 
 // Builds an archive with our own writer; its correctness against outside
@@ -39,6 +41,34 @@ std::string MakeArchive(const std::map<std::string, std::string>& members) {
     EXPECT_TRUE(writer.AddFile(InMemoryDataSource::Create(std::string(data), false), name));
   return Contents(writer.GetDSForBuffer());
 }
+
+// Archive bytes with little-endian field access, to edit archives the way a
+// hostile or foreign writer would.
+struct ZipBytes {
+  std::string bytes;
+
+  uint32_t Get(size_t at, int width) const {
+    uint32_t v = 0;
+    for (int i = width; i-- > 0;) v = v << 8 | static_cast<unsigned char>(bytes.at(at + i));
+    return v;
+  }
+  void Put(size_t at, uint32_t v, int width) {
+    for (int i = 0; i < width; ++i) bytes.at(at + i) = static_cast<char>(v >> (8 * i));
+  }
+  // The central record that carries `name`, and its local header.
+  size_t Central(const std::string& name) const {
+    for (size_t at = 0; (at = bytes.find("PK\x01\x02", at)) != std::string::npos; ++at)
+      if (Get(at + 28, 2) == name.size() && bytes.compare(at + 46, name.size(), name) == 0)
+        return at;
+    throw std::runtime_error("no entry " + name);
+  }
+  size_t Local(const std::string& name) const { return Get(Central(name) + 42, 4); }
+  // Drops the zero padding ZipWriter leaves after the end record.
+  ZipBytes& Trim() {
+    bytes.resize(bytes.rfind("PK\x05\x06") + 22);
+    return *this;
+  }
+};
 
 TEST(ZipDataStreamTools, MembersMadeByTheZipToolReadBackExactly) {
   if (!HaveTool("zip")) GTEST_SKIP() << "needs the zip tool";
@@ -94,6 +124,53 @@ TEST(ZipDataStreamTools, PythonZip64WithMoreThan65535Members) {
     EXPECT_EQ(Contents(archive->GetDataSourceForFile("m/" + std::to_string(i) + ".txt")),
               "member " + std::to_string(i));
   EXPECT_EQ(archive->GetDataSourceForFile("m/70000.txt"), nullptr);
+}
+
+TEST(ZipDataStreamTools, Zip64SizesFromPython) {
+  if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
+  TempDir dir;
+  // Per method: sizes in the local header's Zip64 field (zipfile's
+  // force_zip64), then also in the central records' (as streaming writers
+  // do), then a central record that declares 5 GiB for 120 bytes.
+  WriteFile(dir.File("make.py"), R"(import io, struct, sys, zipfile
+def zip64_central(data, declared):
+    end = data.rfind(b'PK\x05\x06')
+    start = struct.unpack_from('<I', data, end + 16)[0]
+    out, p = b'', start
+    while data[p:p + 4] == b'PK\x01\x02':
+        head = bytearray(data[p:p + 46])
+        n, e, c = struct.unpack_from('<HHH', head, 28)
+        packed, size = struct.unpack_from('<II', head, 20)
+        struct.pack_into('<IIH', head, 20, 0xFFFFFFFF, 0xFFFFFFFF, n)
+        struct.pack_into('<H', head, 30, e + 20)
+        body = data[p + 46:p + 46 + n + e]
+        out += bytes(head) + body + struct.pack('<HHQQ', 1, 16, declared or size, packed)
+        out += data[p + 46 + n + e:p + 46 + n + e + c]
+        p += 46 + n + e + c
+    tail = bytearray(data[end:end + 22])
+    struct.pack_into('<I', tail, 12, len(out))
+    return data[:start] + out + bytes(tail)
+for tag, method in (('s', zipfile.ZIP_STORED), ('d', zipfile.ZIP_DEFLATED)):
+    b = io.BytesIO()
+    with zipfile.ZipFile(b, 'w', method) as z:
+        with z.open('a.txt', 'w', force_zip64=True) as f:
+            f.write(b'y' * 120)
+        z.writestr('b.txt', b'hello')
+    for i, data in enumerate((b.getvalue(), zip64_central(b.getvalue(), 0),
+                              zip64_central(b.getvalue(), 5 << 30))):
+        open(sys.argv[1] + '/' + tag + str(i) + '.zip', 'wb').write(data)
+)");
+  ASSERT_EQ(oru::test::Run("python3 '" + dir.File("make.py") + "' '" + dir.File("") + "'"), 0);
+  for (const char* name : {"s0", "s1", "s2", "d0", "d1", "d2"}) {
+    auto archive = ZipDataStream::Create(FileDataSource::Create(dir.File(name) + ".zip"));
+    const bool declaresTooMuch = name[1] == '2';
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Contents(archive->GetDataSourceForFile("a.txt")),
+              declaresTooMuch ? "<null>" : std::string(120, 'y'))
+        << name;
+    EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), !declaresTooMuch);
+    if (!declaresTooMuch) EXPECT_EQ(Contents(archive->GetDataSourceForFile("b.txt")), "hello");
+  }
 }
 
 TEST(ZipDataStreamTools, DuplicateAndOverlongNames) {
@@ -162,28 +239,24 @@ TEST(ZipDataStreamUrl, IdsAreUniqueAndMembersAreIndependentCopies) {
   EXPECT_FALSE(b->GetDataSourceForFile("m")->IsTempFile());
 }
 
-TEST(ZipDataStreamDirectory, EachEntryIsReadAtMostOnce) {
+TEST(ZipDataStreamDirectory, TheDirectoryIsReadOnce) {
   std::map<std::string, std::string> members;
   for (int i = 0; i < 500; ++i) members["f" + std::to_string(i)] = std::to_string(i);
   auto counting = std::make_shared<CountingSource>(MakeArchive(members));
   auto archive = ZipDataStream::Create(counting);
   ASSERT_TRUE(archive->IsValid());
 
-  int before = counting->reads;
-  ASSERT_NE(archive->GetDataSourceForFile("f99"), nullptr);  // the last in name order
-  const int fullScan = counting->reads - before;
+  uint64_t before = counting->read;
+  ASSERT_NE(archive->GetDataSourceForFile("f99"), nullptr);
+  const uint64_t first = counting->read - before;
+  EXPECT_GT(first, 500u * 46) << "the first lookup reads the whole directory";
 
-  before = counting->reads;
-  ASSERT_NE(archive->GetDataSourceForFile("F0"), nullptr);  // seen by the scan
-  const int known = counting->reads - before;
-  EXPECT_LT(known * 20, fullScan) << "a known member must not rescan the directory";
-
-  before = counting->reads;
-  EXPECT_EQ(archive->GetDataSourceForFile("nope"), nullptr);  // scans the rest once
-  EXPECT_GT(counting->reads, before);
-  before = counting->reads;
-  EXPECT_EQ(archive->GetDataSourceForFile("nope2"), nullptr);
-  EXPECT_EQ(counting->reads, before) << "a miss after a full scan must not read";
+  before = counting->read;
+  ASSERT_NE(archive->GetDataSourceForFile("F0"), nullptr);
+  EXPECT_LT((counting->read - before) * 100, first) << "a later lookup must not reread it";
+  before = counting->read;
+  EXPECT_EQ(archive->GetDataSourceForFile("nope"), nullptr);
+  EXPECT_EQ(counting->read, before) << "a miss must not read";
 }
 
 TEST(ZipDataStreamHostile, NotAnArchive) {
@@ -198,50 +271,117 @@ TEST(ZipDataStreamHostile, NotAnArchive) {
   EXPECT_FALSE(ZipDataStream::Create(nullptr)->IsValid());
 }
 
-TEST(ZipDataStreamHostile, TruncatedAndCorruptArchives) {
+TEST(ZipDataStreamHostile, TruncatedArchives) {
   const std::string data = RandomBytes(100000, 4);
   const std::string good = MakeArchive({{"a.bin", data}, {"b.txt", "bbb"}});
-  // Every cut: never a crash; a member is either absent or of full size.
+  // Every cut: never a crash; a member is either refused or exact.
+  testing::internal::CaptureStderr();
   for (size_t cut = 0; cut < good.size(); cut += good.size() / 97 + 1) {
     auto archive = ZipDataStream::Create(InMemoryDataSource::Create(good.substr(0, cut), false));
-    if (auto m = archive->GetDataSourceForFile("a.bin")) EXPECT_EQ(m->GetFileSize(), data.size());
+    if (auto m = archive->GetDataSourceForFile("a.bin")) EXPECT_EQ(Contents(m), data);
   }
-  // Flip bytes inside the compressed data: the member keeps its declared
-  // size, the part that could not be inflated is zero.
-  std::string corrupt = good;
-  for (size_t i = 200; i < 220; ++i) corrupt[i] = static_cast<char>(corrupt[i] ^ 0x5A);
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(corrupt), false));
-  ASSERT_TRUE(archive->IsValid());
-  auto m = archive->GetDataSourceForFile("a.bin");
-  ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->GetFileSize(), data.size());
-  EXPECT_NE(Contents(m), data);
-  EXPECT_EQ(Contents(archive->GetDataSourceForFile("b.txt")), "bbb");
+  testing::internal::GetCapturedStderr();
 }
 
-TEST(ZipDataStreamHostile, SizesThatCannotBeTrueGiveNull) {
-  const std::string text(100000, 'a');  // deflates about 1000 to 1
-  std::string zip = MakeArchive({{"big", text}, {"raw.png", "stored"}});
-  auto patch = [&zip](const std::string& name, uint32_t size) {
-    // The uncompressed size sits at offset 24 of the central directory
-    // record (PK 1 2) that carries the name at offset 46.
-    size_t at = 0;
-    while ((at = zip.find("PK\x01\x02", at)) != std::string::npos &&
-           zip.compare(at + 46, name.size(), name) != 0)
-      ++at;
-    ASSERT_NE(at, std::string::npos);
-    for (int i = 0; i < 4; ++i) zip[at + 24 + i] = static_cast<char>(size >> (8 * i));
+TEST(ZipDataStreamHostile, UnreadableMembersAreRefusedWithOneLine) {
+  const std::string data = RandomBytes(5000, 9) + std::string(50000, 'z');
+  struct Case {
+    const char* member;
+    std::function<void(ZipBytes&, size_t central, size_t local)> edit;
+    const char* reason;
   };
-  {
-    auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::string(zip), false));
-    EXPECT_EQ(Contents(archive->GetDataSourceForFile("big")), text);  // the honest ratio is fine
+  const Case cases[] = {
+      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 8, 1, 2), z.Put(l + 6, 1, 2); },
+       "encrypted"},
+      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 10, 12, 2), z.Put(l + 8, 12, 2); },
+       "compression method 12"},
+      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 10, 14, 2), z.Put(l + 8, 14, 2); },
+       "compression method 14"},
+      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 16, z.Get(c + 16, 4) ^ 1, 4); },
+       "CRC-32 mismatch"},
+      {"s.png", [](ZipBytes& z, size_t, size_t l) { z.bytes[l + 40] ^= 1; }, "CRC-32 mismatch"},
+      {"m.bin", [](ZipBytes& z, size_t, size_t l) { z.bytes[l + 60] ^= 0x5A; }, "corrupt data"},
+      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, 0xFFFF0000u, 4); },
+       "declared size impossible for its compressed data"},
+      {"s.png", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, z.Get(c + 20, 4) + 1, 4); },
+       "declared size impossible for its compressed data"},
+      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, 0xFFFFFFFFu, 4); },
+       "sizes missing from its Zip64 extra field"},
+      {"m.bin", [](ZipBytes& z, size_t, size_t l) { z.bytes[l] = 'X'; }, "no local header"},
+  };
+  for (const Case& c : cases) {
+    ZipBytes zip{MakeArchive({{"m.bin", data}, {"s.png", data}, {"ok.txt", "fine"}})};
+    c.edit(zip, zip.Central(c.member), zip.Local(c.member));
+    auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(archive->GetDataSourceForFile(c.member), nullptr) << c.reason;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              std::string("Cannot read ZIP member \"") + c.member + "\" of \"" +
+                  archive->GetUniqueId() + "\" (" + c.reason + ").\n");
+    std::vector<std::string> names;
+    EXPECT_TRUE(archive->ListContents(&names));
+    EXPECT_EQ(names.size(), 3u);  // still listed
+    EXPECT_EQ(Contents(archive->GetDataSourceForFile("ok.txt")), "fine");
   }
-  patch("big", 0xFFFF0000u);  // far beyond 1032 times its compressed bytes
-  patch("raw.png", 7);        // a stored member cannot grow
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip), false));
-  ASSERT_TRUE(archive->IsValid());
-  EXPECT_EQ(archive->GetDataSourceForFile("big"), nullptr);
-  EXPECT_EQ(archive->GetDataSourceForFile("raw.png"), nullptr);
+}
+
+TEST(ZipDataStreamHostile, OverlappingMembersAreRefused) {
+  // Three hundred directory entries that name the one local entry of a
+  // deflated member: reading them all must not inflate it 300 times.
+  ZipBytes zip{MakeArchive({{"big.bin", std::string(1 << 20, 'a')}, {"next", "n"}})};
+  zip.Trim();
+  const size_t record = zip.Central("big.bin");
+  const size_t recordSize = zip.Central("next") - record;
+  std::string clones;
+  for (int i = 0; i < 300; ++i) {
+    std::string clone = zip.bytes.substr(record, recordSize);
+    clone.replace(46, 7, "c" + std::to_string(100000 + i));
+    clones += clone;
+  }
+  const size_t end = zip.bytes.size() - 22;
+  zip.bytes.insert(end, clones);
+  const size_t endRecord = end + clones.size();
+  zip.Put(endRecord + 8, 302, 2);
+  zip.Put(endRecord + 10, 302, 2);
+  zip.Put(endRecord + 12, zip.Get(endRecord + 12, 4) + static_cast<uint32_t>(clones.size()), 4);
+  // One entry whose header lies inside big.bin's data, one inside the
+  // directory.
+  zip.Put(zip.Central("c100001") + 42, static_cast<uint32_t>(zip.Local("big.bin") + 500), 4);
+  zip.Put(zip.Central("c100002") + 42, static_cast<uint32_t>(record), 4);
+
+  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("big.bin")), std::string(1 << 20, 'a'));
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("next")), "n");  // adjacent, not overlapping
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 300; ++i)
+    EXPECT_EQ(archive->GetDataSourceForFile("c" + std::to_string(100000 + i)), nullptr);
+  const std::string lines = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 300);
+  const std::string of = "\" of \"" + archive->GetUniqueId() + "\" (overlaps ";
+  EXPECT_NE(lines.find("\"c100001" + of + "another member)"), std::string::npos);
+  EXPECT_NE(lines.find("\"c100002" + of + "the central directory)"), std::string::npos);
+}
+
+TEST(ZipDataStreamHostile, ValidArchivesOfOddShapesOpen) {
+  // No members at all: just the end record.
+  auto empty = ZipDataStream::Create(
+      InMemoryDataSource::Create(std::string("PK\x05\x06", 4) + std::string(18, '\0'), false));
+  std::vector<std::string> names;
+  EXPECT_TRUE(empty->ListContents(&names));
+  EXPECT_TRUE(names.empty());
+  EXPECT_EQ(empty->GetDataSourceForFile("a"), nullptr);
+
+  // The longest comment, holding a decoy end record, and a member whose
+  // stored name has a backslash: it opens by the name it is listed under.
+  ZipBytes zip{MakeArchive({{"dir\\file.txt", "backslash"}})};
+  zip.Trim();
+  zip.Put(zip.bytes.size() - 2, 65535, 2);
+  zip.bytes += std::string("PK\x05\x06", 4) + std::string(65531, 'c');
+  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+  ASSERT_TRUE(archive->ListContents(&names));
+  ASSERT_EQ(names, std::vector<std::string>{"dir\\file.txt"});
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile(names[0])), "backslash");
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("DIR/file.txt")), "backslash");
 }
 
 // A source that fails by throwing after a given number of reads.
@@ -259,15 +399,18 @@ private:
 };
 
 TEST(ZipDataStreamHostile, SourceThatThrowsMidRead) {
-  // The exception must come back as a failed read, never cross the ZIP
-  // library's C code; whatever read fails, the result is null or full size.
-  const std::string zip = MakeArchive({{"a.bin", RandomBytes(50000, 8)}, {"b.txt", "b"}});
+  // The exception must come back as a failed read, never escape (it would
+  // cross zlib's C frames); whatever read fails, the result is null or exact.
+  const std::string data = RandomBytes(50000, 8);
+  const std::string zip = MakeArchive({{"a.bin", data}, {"b.txt", "b"}});
   int valid = 0;
+  testing::internal::CaptureStderr();
   for (int budget = 0; budget < 20000; budget = budget * 5 / 4 + 1) {
     auto archive = ZipDataStream::Create(std::make_shared<FailingSource>(zip, budget));
     valid += archive->IsValid();
-    if (auto m = archive->GetDataSourceForFile("a.bin")) EXPECT_EQ(m->GetFileSize(), 50000u);
+    if (auto m = archive->GetDataSourceForFile("a.bin")) EXPECT_EQ(Contents(m), data);
   }
+  testing::internal::GetCapturedStderr();
   EXPECT_GT(valid, 0);  // some budgets let the directory be read
 }
 
