@@ -57,7 +57,9 @@ public:
   /// The bytes of the last ReadBinary that delivered any, followed by a zero.
   unsigned char* GetBinBuffer() const;
   /// Moves the stream back to the first byte not yet handed out and reads
-  /// ahead from there again; true when that seek succeeded.
+  /// ahead from there again; true when that seek succeeded. At the end of the
+  /// data nothing is left unhanded: the stream stays at the end, and the
+  /// next ReadLine() returns false.
   bool SeekToBufferStart();
 
 private:

@@ -45,7 +45,10 @@ struct LineReader::State {
 
   // Reads the next block; false when nothing more could be had.
   bool Refill() {
+    // The block starts where the stream stands even when nothing more comes:
+    // at the end of the data, SeekToBufferStart must leave the stream there.
     blockNext = blockEnd = 0;
+    blockStart = stream->GetPosition();
     if (stream->IsEOF()) return false;
     uint32_t want = blockSize;
     if (limit != 0) {
@@ -53,7 +56,6 @@ struct LineReader::State {
       if (consumed >= cap) return false;
       want = std::min(cap - consumed, blockSize);
     }
-    blockStart = stream->GetPosition();
     uint64_t got = 0;
     if (const std::byte* direct = stream->TakeDirect(want, &got)) {
       blockData = reinterpret_cast<const unsigned char*>(direct);
@@ -238,7 +240,9 @@ bool LineReader::SeekToBufferStart() {
   State& s = *state;
   const uint64_t position = s.blockStart + s.blockNext;
   const uint32_t unconsumed = s.Available();
-  if (!s.stream->SetPosition(position)) return false;
+  // A stream already there is not asked to seek: a compressed source cannot
+  // seek to the end of what it has inflated.
+  if (s.stream->GetPosition() != position && !s.stream->SetPosition(position)) return false;
   // The bytes read ahead but not handed out are given back.
   s.consumed -= unconsumed;
   s.stream->bytesRead -= unconsumed;

@@ -212,6 +212,18 @@ TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
   EXPECT_TRUE(again.SeekToBufferStart());
   EXPECT_EQ(ReadAll(again), (std::vector<std::string>{"l2", "l3"}));
   EXPECT_EQ(lines.GetBytesRead(), 9u);
+
+  // At the end of the data (no final line feed) the stream stays at the
+  // end: a read-and-rewind loop sees each line once, then stops.
+  DataStream tail = this->Make("a\nb");
+  LineReader rewinding(&tail, 0);
+  std::vector<std::string> seen;
+  for (int i = 0; i < 5 && rewinding.ReadLine(); ++i) {
+    seen.push_back(rewinding.GetString());
+    EXPECT_TRUE(rewinding.SeekToBufferStart());
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(tail.GetPosition(), 3u);
 }
 
 }  // namespace
