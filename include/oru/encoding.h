@@ -15,6 +15,8 @@
 //   Cannot convert "<input>" from utf8 to ucs2 string (bad conversion)
 // and returns an empty string. For 16- and 32-bit input the line shows the
 // input as UTF-8, each unit that cannot be converted written as U+FFFD.
+// The input shown is cut after 256 bytes (then "..."), and control bytes
+// are written as \xNN, so the line stays one short line whatever the input.
 // Utf8ToUtf16 fails silently with an empty result. The single-character
 // forms return an empty span on failure and print nothing.
 //

@@ -23,6 +23,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "text/echo_text.h"
+
 namespace oru {
 namespace {
 
@@ -49,17 +51,11 @@ constexpr bool IsContinuation(unsigned char b) {
 
 // Writes one failure line to the standard error stream. The line is built
 // first and written with a single fwrite, so lines from several threads do
-// not interleave.
+// not interleave. The input is echoed cut and with control bytes escaped:
+// one bad unit in a 100 MiB text must not write 100 MiB.
 void ReportFailure(std::string_view input, std::string_view direction) {
-  constexpr std::string_view PREFIX = "Cannot convert \"";
-  constexpr std::string_view MESSAGE = "bad conversion";
-  std::string line;
-  line.reserve(PREFIX.size() + input.size() + direction.size() + MESSAGE.size() + 2);
-  line += PREFIX;
-  line += input;
-  line += direction;
-  line += MESSAGE;
-  line += ")\n";
+  const std::string line =
+      "Cannot convert \"" + detail::EchoText(input) + std::string(direction) + "bad conversion)\n";
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
@@ -251,10 +247,10 @@ bool EncodeUtf8(std::basic_string_view<Unit> in, std::string& out) {
 template <Form F, class Unit>
 std::string RenderForReport(std::basic_string_view<Unit> in) {
   std::string text;
-  text.reserve(in.size());
   char bytes[4];
   const Unit* const end = in.data() + in.size();
-  for (const Unit* p = in.data(); p != end;) {
+  // Only as much as the line will show, and a little more to tell it was cut.
+  for (const Unit* p = in.data(); p != end && text.size() <= detail::ECHO_LIMIT;) {
     char32_t c = NextCodePoint<F>(p, end);
     if (c == INVALID) c = REPLACEMENT_CHARACTER;
     text.append(bytes, WriteUtf8(c, bytes));

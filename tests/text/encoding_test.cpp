@@ -242,6 +242,20 @@ TEST(EncodingTest, EmptyInputsBomAndNulAreOrdinary) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST(EncodingTest, FailureLinesEchoAShortEscapedInput) {
+  // One bad unit in a long text: the line shows the first 256 bytes, control
+  // bytes escaped, then "..."; an input of exactly 256 bytes is shown whole.
+  const std::string head = "\n\x7F" + std::string(254, 'a');
+  const std::string whole = "\xFF" + std::string(255, 'c');
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(oru::Utf8ToUcs4(head + std::string(1 << 20, 'a') + "\xFF"), U"");
+  EXPECT_EQ(oru::Utf16ToUtf8(std::u16string(1 << 20, u'b') + u'\xD800'), "");
+  EXPECT_EQ(oru::Utf8ToUcs4(whole), U"");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            Line("\\x0A\\x7F" + std::string(254, 'a') + "...", "utf8 to ucs4") +
+                Line(std::string(256, 'b') + "...", "utf16 to utf8") + Line(whole, "utf8 to ucs4"));
+}
+
 TEST(EncodingTest, FailureLinesStayWholeAcrossThreads) {
   testing::internal::CaptureStderr();
   std::vector<std::thread> threads;
