@@ -37,16 +37,25 @@
 //   over every allocation of the whole program. Only direct calls of
 //   DoAllocation, DoSizedFree, DoUnsizedFree and of new_delete_mem_resource
 //   are counted.
-// Blocks may cross the boundary (a string built by the library and destroyed
-// by the application, or the other way round); each side counts only its own
-// calls, so CallsToNew() - CallsToDelete() is not a count of live blocks.
-// Both sides use malloc and free underneath, so crossing is safe; programs
-// built with AddressSanitizer must run with alloc_dealloc_mismatch=0,
-// because the sanitizer sees a malloc'ed block released by operator delete.
+// Blocks cross the boundary (a string moved into a data source, a string
+// handed back), so each side must be able to release the other's blocks.
+// On Linux the library's operators count and then hand the block to the
+// process's global operators, found at run time: the program's own
+// replacements when it has them (an allocator library, a checking
+// allocator), else the C++ runtime's. A program that replaces operator new
+// and delete, and programs built with AddressSanitizer, need nothing special.
+// oru.dll cannot see a program's operators (each Windows module binds its
+// own) and uses malloc and free, as the C++ runtime's default operators do:
+// a Windows program that replaces operator new and delete must not release
+// blocks the library allocated, nor hand the library blocks to adopt. Each
+// side counts only its own calls, so CallsToNew() - CallsToDelete() is not a
+// count of live blocks.
 //
 // The new-handler that DoAllocation calls when malloc fails is the one of the
 // C++ runtime the library is linked with. On Windows oru.dll has its own
-// runtime, so std::set_new_handler in the application does not reach it.
+// runtime, so std::set_new_handler in the application does not reach it. A
+// failed operator new inside the library is the program's operator new
+// failing on Linux (its new-handler, its exception).
 //
 // Ownership: DoAllocation's blocks belong to the caller until released with
 // DoSizedFree (giving the same size) or DoUnsizedFree. The two built-in

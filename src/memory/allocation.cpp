@@ -6,6 +6,7 @@
 #include <new>
 #include <thread>
 
+#include "memory/allocation_path.h"
 #include "memory/bad_allocation.h"
 #include "oru/memory.h"
 #include "oru/performance_counter.h"
@@ -114,42 +115,60 @@ void NotifyAllocationEvent(void* block, uint64_t size, bool allocation) noexcept
   calls.fetch_sub(1);
 }
 
-}  // namespace detail
-
-void* DoAllocation(uint64_t size) {
-  const auto bytes = static_cast<std::size_t>(size);
+void* MallocOrThrow(std::size_t bytes) {
   void* block = std::malloc(bytes);
   while (block == nullptr) {
     const std::new_handler handler = std::get_new_handler();
-    if (handler == nullptr) throw detail::BadAllocation();
+    if (handler == nullptr) throw BadAllocation();
     handler();
     block = std::malloc(bytes);
   }
-  AllocationCounters& c = Counters();
-  ++c.callsToNew;
-  c.cumulativeAllocations += size;
-  if constexpr (kLiveHook) detail::NotifyAllocationEvent(block, size, true);
   return block;
 }
 
-void DoSizedFree(void* p, uint64_t size) noexcept {
-  if (p == nullptr) return;
-  // Told before the block is released, so that the event of its release is
-  // queued before any allocation that might reuse the address.
-  if constexpr (kLiveHook) detail::NotifyAllocationEvent(p, 0, false);
-  std::free(p);
+void CountAllocation(void* block, uint64_t size) noexcept {
+  AllocationCounters& c = Counters();
+  ++c.callsToNew;
+  c.cumulativeAllocations += size;
+  if constexpr (kLiveHook) NotifyAllocationEvent(block, size, true);
+}
+
+void AnnounceRelease(void* block) noexcept {
+  if constexpr (kLiveHook) NotifyAllocationEvent(block, 0, false);
+}
+
+void CountSizedRelease(uint64_t size) noexcept {
   AllocationCounters& c = Counters();
   c.cumulativeDeallocations += size;
   ++c.callsToDelete;
 }
 
-void DoUnsizedFree(void* p) noexcept {
-  if (p == nullptr) return;
-  if constexpr (kLiveHook) detail::NotifyAllocationEvent(p, 0, false);
-  std::free(p);
+void CountUnsizedRelease() noexcept {
   AllocationCounters& c = Counters();
   ++c.callsToDelete;
   ++c.unsizedDeallocations;
+}
+
+}  // namespace detail
+
+void* DoAllocation(uint64_t size) {
+  void* block = detail::MallocOrThrow(static_cast<std::size_t>(size));
+  detail::CountAllocation(block, size);
+  return block;
+}
+
+void DoSizedFree(void* p, uint64_t size) noexcept {
+  if (p == nullptr) return;
+  detail::AnnounceRelease(p);
+  std::free(p);
+  detail::CountSizedRelease(size);
+}
+
+void DoUnsizedFree(void* p) noexcept {
+  if (p == nullptr) return;
+  detail::AnnounceRelease(p);
+  std::free(p);
+  detail::CountUnsizedRelease();
 }
 
 namespace counters {

@@ -144,6 +144,8 @@ const std::vector<std::string_view>& SkipNames() {
       "oru::DoSizedFree",
       "oru::DoUnsizedFree",
       "oru::detail::NotifyAllocationEvent",
+      "oru::detail::CountAllocation",
+      "oru::detail::AnnounceRelease",
   };
   return names;
 }

@@ -19,21 +19,6 @@
 #include "oru/memory.h"
 #include "support/test_util.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ORU_TEST_ADDRESS_SANITIZER 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(ORU_TEST_ADDRESS_SANITIZER)
-// The library's operator new takes its blocks from malloc, and blocks cross
-// between the library and this program both ways (strings moved into data
-// sources, strings handed back). AddressSanitizer would report each release
-// on the other side as a malloc / operator delete mismatch.
-extern "C" const char* __asan_default_options() {
-  return "alloc_dealloc_mismatch=0";
-}
-#endif
-
 namespace oru {
 namespace {
 
