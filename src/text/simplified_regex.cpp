@@ -58,6 +58,32 @@ bool IsOperator(char c) {
   return std::strchr("\\|+()[]{}", c) != nullptr && c != '\0';
 }
 
+// Whether the user's pattern stays within the size the engine can take
+// without running out of stack: its length, and the depth of its groups
+// (outside bracket expressions, where a parenthesis is literal).
+bool WithinLimits(BasicStringSpan<char const> pattern) {
+  if (pattern.size() > SimplifiedRegex::MAX_PATTERN_LENGTH) return false;
+  int depth = 0;
+  bool escaped = false;
+  bool inBrackets = false;
+  for (char c : pattern) {
+    if (escaped) {
+      escaped = false;
+    } else if (c == '\\') {
+      escaped = true;
+    } else if (inBrackets) {
+      inBrackets = c != ']';
+    } else if (c == '[') {
+      inBrackets = true;
+    } else if (c == '(' && ++depth > SimplifiedRegex::MAX_NESTING) {
+      return false;
+    } else if (c == ')' && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 constexpr int ANY = -1;  // a pattern position that takes any character but a line break
 
 bool IsLineBreak(unsigned char c) {
@@ -185,6 +211,7 @@ bool SimplifiedRegex::CompileRegex(BasicStringSpan<char const> pattern, bool cas
   ClearRegex();
   auto flags = EngineFlags();
   if (caseInsensitive) flags |= std::regex::icase;
+  if (!WithinLimits(pattern)) throw std::regex_error(std::regex_constants::error_complexity);
   const std::string translated = Translate(pattern);
   *m_regex = std::regex(translated, flags);  // throws std::regex_error on a bad pattern
   if (m_fastPathAllowed) m_wildcard = Wildcard::From(pattern, caseInsensitive, m_regex->getloc());

@@ -146,6 +146,47 @@ TEST(SimplifiedRegex, NestedRepetitionsTakePolynomialTime) {
   EXPECT_TRUE(r.MatchText(std::string(40, 'a') + "b"));
 }
 
+TEST(SimplifiedRegex, PatternsPastTheSizeLimitsAreRejected) {
+  // The largest patterns allowed compile and match; a byte or a level more is
+  // rejected like an invalid pattern, and the sizes that once overflowed the
+  // stack are rejected at once. Parentheses that are escaped or inside
+  // brackets are literal and do not nest.
+  const size_t max = SimplifiedRegex::MAX_PATTERN_LENGTH;
+  const int depth = SimplifiedRegex::MAX_NESTING;
+  std::string starred, literalParens;
+  for (size_t i = 0; i < max / 2; ++i) starred += "a*";
+  for (int i = 0; i < 40; ++i) literalParens += i % 2 ? "\\(" : "[(]";
+  const std::string nested = std::string(depth, '(') + "a" + std::string(depth, ')');
+  const struct {
+    std::string pattern, text;  // an empty text: the pattern is rejected
+  } cases[] = {
+      {starred, std::string(max / 2, 'a')},
+      {starred + "a", ""},
+      {std::string(max, 'b'), std::string(max, 'b')},
+      {std::string(max + 1, 'b'), ""},
+      {nested, "a"},
+      {"(" + nested + ")", ""},
+      {literalParens + nested, std::string(40, '(') + "a"},
+      {std::string(50000, '('), ""},
+      {std::string(50000, 'a'), ""},
+  };
+  for (const auto& c : cases) {
+    SimplifiedRegex r;
+    if (!c.text.empty()) {
+      ASSERT_NO_THROW(r.CompileRegex(c.pattern, false)) << c.pattern.size();
+      EXPECT_TRUE(r.MatchText(c.text)) << c.pattern.size();
+      continue;
+    }
+    try {
+      r.CompileRegex(c.pattern, false);
+      ADD_FAILURE() << "accepted a pattern of " << c.pattern.size() << " bytes";
+    } catch (const std::regex_error& e) {
+      EXPECT_EQ(e.code(), std::regex_constants::error_complexity);
+    }
+    EXPECT_TRUE(r.MatchText("x"));  // the reset left the empty expression
+  }
+}
+
 TEST(SimplifiedRegex, AgreesWithTheDefaultBacktrackingEngine) {
   // Random small expressions with operators, against std::regex in its
   // default mode: the polynomial mode must not change any answer.
