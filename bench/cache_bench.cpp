@@ -3,11 +3,10 @@
 // Every cache here lives in a private directory made for the run under
 // $ORU_BENCH_DIR, or /var/tmp when that is not set (not /tmp, which is a
 // tmpfs on some machines: the cache is meant to be measured on a disk). The
-// directory is removed at exit. While a benchmark runs, TMPDIR points at its
-// own subdirectory, because that is where the native file system puts the
-// cache directory "QD_FileCache"; the previous TMPDIR is put back afterwards,
-// so other suites in the same binary keep their temporary files where they
-// were. The label of each benchmark names the file-system type it ran on.
+// directory is removed at exit. While a benchmark runs, XDG_CACHE_HOME
+// points at its own subdirectory, because that is where the native file
+// system puts the cache directory "QD_FileCache"; the previous value is put
+// back afterwards. The label of each benchmark names the file-system type it ran on.
 //
 // The buffer jobs are timed in wall-clock time (UseRealTime): the peer `cp`
 // runs in a child process whose CPU time the harness does not see. The
@@ -146,29 +145,29 @@ std::string WorkDir(const std::string& name, bool fresh) {
   return dir;
 }
 
-// Points TMPDIR at `dir` (where the native file system makes the cache
-// directory) for the lifetime of the object, then restores it.
-class TmpdirScope {
+// Points XDG_CACHE_HOME at `dir` (where the native file system makes the
+// cache directory) for the lifetime of the object, then restores it.
+class WorkingAreaScope {
 public:
-  explicit TmpdirScope(const std::string& dir) {
-    if (const char* old = std::getenv("TMPDIR")) previous = old;
-    setenv("TMPDIR", dir.c_str(), 1);
+  explicit WorkingAreaScope(const std::string& dir) {
+    if (const char* old = std::getenv("XDG_CACHE_HOME")) previous = old;
+    setenv("XDG_CACHE_HOME", dir.c_str(), 1);
   }
-  ~TmpdirScope() {
+  ~WorkingAreaScope() {
     if (previous) {
-      setenv("TMPDIR", previous->c_str(), 1);
+      setenv("XDG_CACHE_HOME", previous->c_str(), 1);
     } else {
-      unsetenv("TMPDIR");
+      unsetenv("XDG_CACHE_HOME");
     }
   }
-  TmpdirScope(const TmpdirScope&) = delete;
-  TmpdirScope& operator=(const TmpdirScope&) = delete;
+  WorkingAreaScope(const WorkingAreaScope&) = delete;
+  WorkingAreaScope& operator=(const WorkingAreaScope&) = delete;
 
 private:
   std::optional<std::string> previous;
 };
 
-// A ready cache over the native file system in $TMPDIR; empty on failure.
+// A ready cache over the native file system in $XDG_CACHE_HOME; empty on failure.
 std::shared_ptr<oru::DataCache> OpenCache(uint64_t sizeLimit) {
   auto cache = oru::DataCache::Create(oru::CreateNativeFileSystem(), sizeLimit);
   cache->Initialize();
@@ -268,7 +267,7 @@ void SetLabel(benchmark::State& state) {
 void BM_CacheBuffer64M_ours(benchmark::State& state) {
   SetLabel(state);
   const std::vector<std::byte>& block = Block();
-  TmpdirScope tmpdir(WorkDir("buffer_ours", true));
+  WorkingAreaScope tmpdir(WorkDir("buffer_ours", true));
   auto cache = OpenCache(4 * BLOCK_BYTES);
   if (!cache) {
     state.SkipWithError("the cache did not initialize");
@@ -391,13 +390,13 @@ void BM_CacheBuffer64MReadWrite_peer(benchmark::State& state) {
 
 // ---- start-up over n files -------------------------------------------------------
 
-// The directory (the TMPDIR to use) of a finalised cache of n small files,
+// The directory (the XDG_CACHE_HOME to use) of a finalised cache of n small files,
 // made the first time it is asked for.
 const std::string& StartupDir(int64_t n) {
   static std::map<int64_t, std::string> prepared;
   if (auto it = prepared.find(n); it != prepared.end()) return it->second;
   const std::string dir = WorkDir("startup_" + std::to_string(n), true);
-  TmpdirScope tmpdir(dir);
+  WorkingAreaScope tmpdir(dir);
   auto cache = OpenCache(uint64_t{1} << 40);
   if (!cache) return prepared[n];  // empty: the caller reports it
   for (int64_t i = 0; i < n; ++i) {
@@ -415,7 +414,7 @@ void BM_CacheStartup(benchmark::State& state) {
     state.SkipWithError("could not prepare the cache directory");
     return;
   }
-  TmpdirScope tmpdir(dir);
+  WorkingAreaScope tmpdir(dir);
   const uint64_t total = static_cast<uint64_t>(n) * SMALL_FILE_BYTES;
   for (auto _ : state) {
     auto cache = oru::DataCache::Create(oru::CreateNativeFileSystem(), uint64_t{1} << 40);
@@ -447,7 +446,7 @@ void BM_CacheEvictHalf(benchmark::State& state) {
   const uint64_t total = static_cast<uint64_t>(n) * SMALL_FILE_BYTES;
   const std::string dir = WorkDir("evict_" + std::to_string(n), true);
   {
-    TmpdirScope tmpdir(dir);
+    WorkingAreaScope tmpdir(dir);
     auto cache = OpenCache(total);
     if (!cache) {
       state.SkipWithError("the cache did not initialize");

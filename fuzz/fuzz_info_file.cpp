@@ -20,7 +20,7 @@ const fs::path& Area() {
   static const fs::path area = [] {
     char pattern[] = "/tmp/oru_fuzz_info_XXXXXX";
     const fs::path p = mkdtemp(pattern);
-    setenv("TMPDIR", p.c_str(), 1);
+    setenv("XDG_CACHE_HOME", p.c_str(), 1);  // the native file system's working area
     return p;
   }();
   return area;

@@ -37,6 +37,15 @@
 // Failures are reported by result only: an empty handle, false, 0, -1, an
 // unchanged set, an empty string. Nothing throws and nothing is printed.
 //
+// Links and special files: the two file systems here open, read through
+// GetDS and write regular files only, and never through a symbolic link in
+// the last component of a path (a reparse point on Windows): a link, a FIFO
+// or a device in place of a file gives an empty handle or source, and
+// opening a FIFO does not wait for a writer. Stat describes the path itself
+// (a link reads as a link, see FileStat::IsRegularFile), and Unlink removes
+// a link, not what it points to. The data cache relies on this to remove,
+// not follow, whatever was planted in its directory.
+//
 // Threading: a file system may be used by several threads at once; a handle
 // by one thread at a time.
 #pragma once
@@ -61,6 +70,13 @@ struct FileStat {
   int64_t createTime = 0;
   int64_t modifyTime = 0;
   uint64_t mode = 0;  ///< the runtime's file-mode word (type and permission bits)
+
+  /// Whether `mode` says a regular file: not a directory, a link, a FIFO or
+  /// a device. A mode of 0 (a file system that does not tell) counts as one.
+  bool IsRegularFile() const {
+    const uint64_t type = mode & 0170000;
+    return type == 0 || type == 0100000;
+  }
 };
 
 /// An open file of some FileSystem. Only the file system that made it knows
@@ -103,9 +119,10 @@ public:
   virtual ~FileSystem();
 
   /// Prepares the working directory `name` in this file system's working
-  /// area (the user's temporary directory for the two file systems here),
-  /// creating its last level when it is missing, and reports through `cb`.
-  /// With an empty `cb` the directory is still prepared.
+  /// area (a private per-user place for the two file systems here, see
+  /// PosixFileSystem and WinFileSystem), creating its last level when it is
+  /// missing, and reports through `cb`. With an empty `cb` the directory is
+  /// still prepared.
   virtual void InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) = 0;
   /// Gives an asynchronous file system the chance to deliver completed
   /// callbacks on the caller's thread. The data cache calls it each time it
@@ -231,8 +248,10 @@ protected:
 };
 
 /// The Windows file system: separator '\', working area the user's
-/// temporary directory. The temporary directory is asked for in UTF-16 and
-/// converted, so a user name outside the ANSI code page works.
+/// temporary directory (private to the user on Windows). The temporary
+/// directory is asked for in UTF-16 and converted, so a user name outside
+/// the ANSI code page works. The directory InitDirToUse hands out is refused
+/// when it is a reparse point (a symbolic link or a junction).
 class ORU_API WinFileSystem : public StdioFileSystem {
 public:
   static std::shared_ptr<WinFileSystem> Create();
@@ -244,8 +263,16 @@ protected:
   WinFileSystem() = default;
 };
 
-/// The POSIX file system: separator '/', working area $TMPDIR (when set and
-/// non-empty) or /tmp.
+/// The POSIX file system: separator '/'. Its working area is private to the
+/// user, never a fixed name in a directory every user can write to:
+/// $XDG_CACHE_HOME, else $HOME/.cache (the XDG base-directory convention;
+/// a variable that is unset or not an absolute path is skipped, and a missing
+/// directory is made, private), and only when neither can be had, a
+/// directory "oru-<user id>" in $TMPDIR (or /tmp). The directory InitDirToUse
+/// hands out is made with mode 0700 and refused (OnDirReady(false): the data
+/// cache then touches no file) when it is a symbolic link, not a directory,
+/// not owned by the calling user, or writable by group or others; the
+/// fallback base must pass the same test.
 class ORU_API PosixFileSystem : public StdioFileSystem {
 public:
   static std::shared_ptr<PosixFileSystem> Create();

@@ -15,6 +15,11 @@ constexpr const char* END_OF_ENTRIES = "---";
 constexpr const char* ALTERNATIVE_MARK = "<<>>";
 // The info file is first written here, then moved over the real one.
 constexpr const char* NEW_INFO_SUFFIX = ".new";
+// An info file larger than this, or with a line longer than this, is not
+// one the cache wrote: it is treated as unreadable, like one of another
+// version, instead of being read into memory whole.
+constexpr uint64_t MAX_INFO_FILE_SIZE = uint64_t{64} << 20;
+constexpr size_t MAX_INFO_LINE = size_t{64} << 10;
 
 bool HasLineBreak(std::string const& text) {
   return text.find_first_of("\r\n") != std::string::npos;
@@ -181,19 +186,28 @@ void DataCache::ReadInfoFile(InfoMap& out) {
   FileSystem& fs = *fileSystem;
   FileStat st;
   if (!fs.Stat(infoFilePath.c_str(), st)) return;
+  if (!st.IsRegularFile()) {
+    // A link or a FIFO planted in its place is removed, never followed.
+    fs.Unlink(infoFilePath.c_str());
+    return;
+  }
+  if (st.size > MAX_INFO_FILE_SIZE) return;
   auto fp = fs.Fopen(infoFilePath.c_str(), "r");
   if (!fp) return;
 
   // ReadLine cannot tell the end of the file from an empty line, so the
   // file's size bounds the reading: every line read uses at least its length
   // plus one byte of the file. With CR LF line ends this under-counts, and
-  // the few empty reads past the end are harmless.
+  // the few empty reads past the end are harmless. A line too long for the
+  // cache to have written ends the reading as a broken file.
   uint64_t remaining = st.size;
+  bool broken = false;
   const auto next = [&](std::string& line) {
-    if (remaining == 0) return false;
+    if (remaining == 0 || broken) return false;
     line = fs.ReadLine(fp);
     remaining -= std::min<uint64_t>(remaining, line.size() + 1);
-    return true;
+    broken = line.size() > MAX_INFO_LINE;
+    return !broken;
   };
 
   std::string line;
@@ -241,7 +255,7 @@ void DataCache::ReadInfoFile(InfoMap& out) {
         whole && whole->Seek(-1, DS_SEEK_END) != -1 && whole->GetByte() == '\n';
     if (!endsWithNewline) alternatives.pop_back();
   }
-  if (!sawEndOfEntries) return;
+  if (!sawEndOfEntries || broken) return;
   out = std::move(entries);
   for (auto& [alternative, name] : alternatives) {
     if (!alternative.empty() && !name.empty()) alternativeNames[alternative] = name;
@@ -272,6 +286,10 @@ void DataCache::SetupFileCache(InfoMap const& map) {
     // Only files found in the directory, and never the info file itself.
     FileStat st;
     if (path == infoFilePath || listed.find(path) == listed.end() || !fs.Stat(path.c_str(), st)) {
+      continue;
+    }
+    if (!st.IsRegularFile()) {
+      fs.Unlink(path.c_str());  // a link or a FIFO in place of a file: removed, never followed
       continue;
     }
     auto& slot = files[content.name];
@@ -324,6 +342,7 @@ void DataCache::WriteInfoFile() const {
   // Written aside and moved into place, so that a process killed half way
   // leaves the previous info file whole.
   const std::string fresh = infoFilePath + NEW_INFO_SUFFIX;
+  fileSystem->Unlink(fresh.c_str());  // whatever is there (a planted link) goes first
   if (WriteInfoFileTo(fresh.c_str())) {
     if (fileSystem->ReplaceFile(fresh.c_str(), infoFilePath.c_str())) return;
     fileSystem->Unlink(fresh.c_str());

@@ -6,6 +6,7 @@
 #define _FILE_OFFSET_BITS 64
 #endif
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -42,17 +43,20 @@ static_assert(sizeof(off_t) >= sizeof(int64_t), "file offsets must be 64 bits wi
 }  // namespace
 
 std::FILE* OpenFileForReading(const std::string& utf8Name) {
-  std::FILE* f = std::fopen(utf8Name.c_str(), "rb");
-  if (f == nullptr) return nullptr;
-  // fopen opens a directory here, where the Windows runtime refuses it.
-  // Refuse it too, so that a directory fails at the open on every platform
-  // instead of at the first read.
+  // O_NONBLOCK: opening a FIFO must not wait for a writer. Only regular
+  // files are read: a FIFO or a device has no size and no seek, and the
+  // Windows runtime refuses a directory, so it is refused here too.
+  const int fd = open(utf8Name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
   struct stat st {};
-  if (fstat(fileno(f), &st) == 0 && S_ISDIR(st.st_mode)) {
-    std::fclose(f);
-    errno = EISDIR;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     return nullptr;
   }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  std::FILE* f = fdopen(fd, "rb");
+  if (f == nullptr) close(fd);
   return f;
 }
 

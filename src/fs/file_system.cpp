@@ -51,23 +51,12 @@ std::shared_ptr<StdioFilePointer> StdioFilePointer::Create(std::FILE* file) {
 // ---- StdioFileSystem --------------------------------------------------------
 
 void StdioFileSystem::InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) {
-  const auto report = [&cb](bool ok) {
-    if (cb) cb->OnDirReady(ok);
-  };
   std::string path;
-  if (!detail::TemporaryDirectory(path) || path.empty()) {
-    report(false);
-    return;
+  const bool ready = detail::PrepareWorkingDirectory(PathText(name), GetDirSeparator(), path);
+  if (cb) {
+    if (ready) cb->dir = path;
+    cb->OnDirReady(ready);
   }
-  const char sep = GetDirSeparator();
-  if (path.back() != sep) path += sep;
-  path += PathText(name);
-  if (!detail::PathExists(path) && !detail::MakeDirectory(path)) {
-    report(false);
-    return;
-  }
-  if (cb) cb->dir = path;
-  report(true);
 }
 
 void StdioFileSystem::AsyncDownloadFile(char const* /*url*/, char const* /*localPath*/,
@@ -89,13 +78,16 @@ int StdioFileSystem::Unlink(char const* path) {
 }
 
 std::shared_ptr<DataSource> StdioFileSystem::GetDS(char const* path) {
+  // A link or a special file in place of a file is never read through.
+  FileStat st;
+  if (path != nullptr && detail::StatPath(path, st) && !st.IsRegularFile()) return {};
   return FileDataSource::Create(path != nullptr ? BasicStringSpan<const char>(path)
                                                 : BasicStringSpan<const char>());
 }
 
 std::shared_ptr<FSFilePointer> StdioFileSystem::Fopen(char const* path, char const* mode) {
   if (path == nullptr) return {};
-  std::FILE* f = detail::OpenFile(path, PathText(mode));
+  std::FILE* f = detail::OpenPlainFile(path, PathText(mode));
   if (f == nullptr) return {};
   return StdioFilePointer::Create(f);
 }

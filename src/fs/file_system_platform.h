@@ -13,9 +13,16 @@
 
 namespace oru::detail {
 
-// fopen with a C runtime mode; null on failure.
+// fopen with a C runtime mode, on the UTF-8 path; null on failure.
 std::FILE* OpenFile(const std::string& path, const std::string& mode);
-// stat; false (and `out` untouched) on failure.
+// The same for the file systems' files: regular files only, and never
+// through a symbolic link (a reparse point on Windows), so that whatever
+// was planted in place of a file is refused; opening a FIFO does not wait
+// for a writer.
+std::FILE* OpenPlainFile(const std::string& path, const std::string& mode);
+// stat of the path itself, not of what a link points to (a link, or a
+// reparse point, reads as mode 0120000); false (and `out` untouched) on
+// failure.
 bool StatPath(const std::string& path, FileStat& out);
 // Sets the access and modification times (seconds since 1970).
 bool SetFileTimes(const std::string& path, int64_t accessTime, int64_t modifyTime);
@@ -23,13 +30,12 @@ bool SetFileTimes(const std::string& path, int64_t accessTime, int64_t modifyTim
 int64_t CurrentTime();
 // unlink: 0 or -1.
 int UnlinkPath(const std::string& path);
-// Whether anything exists under `path`.
+// Whether anything exists under `path`, a dangling link included.
 bool PathExists(const std::string& path);
-// Creates one directory level; true on success.
-bool MakeDirectory(const std::string& path);
-// The user's temporary directory with a trailing separator; false when the
-// system cannot name one.
-bool TemporaryDirectory(std::string& out);
+// The directory `name` in the user's private working area, created when
+// missing (its last level only) and checked to be private; false when it
+// cannot be had. See PosixFileSystem and WinFileSystem for where it lies.
+bool PrepareWorkingDirectory(const std::string& name, char separator, std::string& out);
 // Calls `entry` with the name (not the path) of every entry of `dir`,
 // "." and ".." included; false when the directory cannot be listed.
 // `separator` is the one the caller's paths use.

@@ -28,16 +28,41 @@ namespace detail {
 
 namespace {
 
-// The mode argument of _waccess that asks only whether the name exists.
-constexpr int ACCESS_EXISTS = 0;
-
 std::wstring Wide(const std::string& utf8) {
   return Utf8ToWideStr(utf8);
+}
+
+// The attributes of the name itself (a reparse point is not followed), or
+// INVALID_FILE_ATTRIBUTES.
+DWORD Attributes(const std::string& path) {
+  return GetFileAttributesW(Wide(path).c_str());
+}
+
+// Whatever is not a plain file: a directory, a device, or a reparse point
+// (a symbolic link or a junction) that would send reads and writes elsewhere.
+constexpr DWORD NOT_A_PLAIN_FILE =
+    FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE | FILE_ATTRIBUTE_REPARSE_POINT;
+
+// The mode that StatPath gives a reparse point: the POSIX value of a link.
+constexpr unsigned short LINK_MODE = 0120000;
+
+bool TemporaryDirectory(std::string& out) {
+  wchar_t buffer[MAX_PATH + 1];
+  const DWORD n = GetTempPathW(MAX_PATH + 1, buffer);
+  if (n == 0 || n > MAX_PATH) return false;
+  out = WideStrToUtf8(BasicStringSpan<wchar_t const>(buffer, n));
+  return true;
 }
 
 }  // namespace
 
 std::FILE* OpenFile(const std::string& path, const std::string& mode) {
+  return _wfopen(Wide(path).c_str(), Wide(mode).c_str());
+}
+
+std::FILE* OpenPlainFile(const std::string& path, const std::string& mode) {
+  const DWORD attributes = Attributes(path);
+  if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & NOT_A_PLAIN_FILE) != 0) return nullptr;
   return _wfopen(Wide(path).c_str(), Wide(mode).c_str());
 }
 
@@ -48,7 +73,11 @@ bool StatPath(const std::string& path, FileStat& out) {
   out.accessTime = static_cast<int64_t>(st.st_atime);
   out.createTime = static_cast<int64_t>(st.st_ctime);
   out.modifyTime = static_cast<int64_t>(st.st_mtime);
-  out.mode = static_cast<uint64_t>(static_cast<unsigned short>(st.st_mode));
+  auto mode = static_cast<unsigned short>(st.st_mode);
+  const DWORD attributes = Attributes(path);
+  if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+    mode = static_cast<unsigned short>((mode & 07777) | LINK_MODE);
+  out.mode = mode;
   return true;
 }
 
@@ -68,18 +97,21 @@ int UnlinkPath(const std::string& path) {
 }
 
 bool PathExists(const std::string& path) {
-  return _waccess(Wide(path).c_str(), ACCESS_EXISTS) == 0;
+  return Attributes(path) != INVALID_FILE_ATTRIBUTES;
 }
 
-bool MakeDirectory(const std::string& path) {
-  return _wmkdir(Wide(path).c_str()) == 0;
-}
-
-bool TemporaryDirectory(std::string& out) {
-  wchar_t buffer[MAX_PATH + 1];
-  const DWORD n = GetTempPathW(MAX_PATH + 1, buffer);
-  if (n == 0 || n > MAX_PATH) return false;
-  out = WideStrToUtf8(BasicStringSpan<wchar_t const>(buffer, n));
+bool PrepareWorkingDirectory(const std::string& name, char separator, std::string& out) {
+  // The user's temporary directory is the user's own on Windows.
+  std::string path;
+  if (!TemporaryDirectory(path) || path.empty()) return false;
+  if (path.back() != separator) path += separator;
+  path += name;
+  if (!PathExists(path) && _wmkdir(Wide(path).c_str()) != 0) return false;
+  const DWORD attributes = Attributes(path);
+  if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ||
+      (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+    return false;
+  out = path;
   return true;
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <string>
 
@@ -12,6 +13,10 @@
 #include "oru/data_cache.h"
 #include "oru/file_system.h"
 #include "support/test_util.h"
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
 
 namespace oru {
 namespace {
@@ -149,6 +154,51 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
   cache = Open();
   EXPECT_FALSE(cache->Contains("model-a"));
   EXPECT_EQ((std::unordered_set<std::string>{info}), DirFiles());
+}
+
+TEST_F(DataCacheTest, HostileEntriesAreRemovedNotFollowedOrReadWhole) {
+  // Start-ups over what another user might have planted: never a read or a
+  // write through a link, never a wait on a FIFO, never a huge info file in
+  // memory. The victim outside holds an info text naming the planted files.
+  const std::string victim = tmp.File("victim"), bait =
+                                                     "Version 1.8\n1 x\nlinked\n"
+                                                     "2 x\ndangling\n3 x\nfifo\n4 x\nreal\n---\n";
+  WriteFile(victim, bait);
+  stdfs::create_directories(stdfs::u8path(dir));
+  std::error_code noLinks;
+  stdfs::create_symlink(stdfs::u8path(victim), stdfs::u8path(info), noLinks);
+  if (noLinks) GTEST_SKIP() << "no symbolic links here: " << noLinks.message();
+  const auto link = [&](const std::string& to, const char* at) {
+    stdfs::create_symlink(stdfs::u8path(to), stdfs::u8path(dir + sep + at));
+  };
+  const auto fifo = [&](const std::string& at) {
+#ifndef _WIN32
+    mkfifo(at.c_str(), 0600);
+#endif
+  };
+  const std::function<void()> plants[] = {
+      [] {},  // info.txt itself is the link
+      [&] {
+        WriteFile(info, bait), WriteFile(dir + sep + "4", "4"), Shift(info, 10);
+        link(victim, "1"), link(tmp.File("nothing"), "2"), fifo(dir + sep + "3");
+      },
+      [&] { stdfs::remove(stdfs::u8path(info)), fifo(info); },
+      [&] { WriteFile(info, "Version 1.8\n"), stdfs::resize_file(stdfs::u8path(info), 65u << 20); },
+      [&] { WriteFile(info, "Version 1.8\n4 " + std::string(70000, 'x') + "\nreal\n---\n"); },
+  };
+  for (size_t round = 0; round < std::size(plants); ++round) {
+    WriteFile(dir + sep + "4", "4");
+    plants[round]();
+    auto cache = Open();
+    EXPECT_EQ(round == 1 ? "4" : "<none>", Get(*cache, "real")) << round;
+    for (const char* planted : {"linked", "dangling", "fifo"})
+      EXPECT_FALSE(cache->Contains(planted));
+    EXPECT_EQ(DirFiles().count(dir + sep + "1") + DirFiles().count(dir + sep + "3"), 0u);
+    link(victim, "info.txt.new");
+    cache->FinaliseCache();
+    EXPECT_FALSE(stdfs::is_symlink(stdfs::u8path(info)) || stdfs::is_fifo(stdfs::u8path(info)));
+    EXPECT_EQ(bait, ReadFile(victim));
+  }
 }
 
 TEST_F(DataCacheTest, FilesChangedOrRemovedBehindItsBackAreNotServed) {

@@ -4,7 +4,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 #include "oru/data_source.h"
 #include "oru/file_system.h"
@@ -31,6 +37,12 @@ protected:
     return dir;
   }
   std::string PathIn(const std::string& dir, const std::string& name) { return dir + sep + name; }
+
+  struct Ready : FileSystem::DirCallback {
+    int calls = 0;
+    bool success = false;
+    void OnDirReady(bool ok) override { ++calls, success = ok; }
+  };
 };
 
 TEST_F(FileSystemTest, SeparatorMatchesThePlatform) {
@@ -193,13 +205,8 @@ TEST_F(FileSystemTest, DownloadOfALocalFileReportsSuccessAndCreatesNothing) {
   fs->AsyncDownloadFile("http://example.com/x", local.c_str(), nullptr);
 }
 
-TEST_F(FileSystemTest, PreparesItsWorkingDirectoryInTheTemporaryArea) {
+TEST_F(FileSystemTest, PreparesItsWorkingDirectoryInTheWorkingArea) {
   test::ScopedTempArea area(Dir());
-  struct Ready : FileSystem::DirCallback {
-    int calls = 0;
-    bool success = false;
-    void OnDirReady(bool ok) override { ++calls, success = ok; }
-  };
   auto cb = std::make_shared<Ready>();
   fs->InitDirToUse("Cache-ß", cb);
   EXPECT_EQ(1, cb->calls);
@@ -220,6 +227,53 @@ TEST_F(FileSystemTest, PreparesItsWorkingDirectoryInTheTemporaryArea) {
   EXPECT_FALSE(cb->success);
   EXPECT_EQ("", cb->dir);
 }
+
+#ifndef _WIN32
+TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
+  // Where the working area lies, and what in its place is refused because
+  // another user could have planted it there.
+  const std::string base = PathIn(Dir(), "base"), home = PathIn(Dir(), "home");
+  const std::string own = PathIn(Dir(), "oru-" + std::to_string(geteuid()));
+  const std::string saved[] = {test::GetEnv("XDG_CACHE_HOME"), test::GetEnv("HOME"),
+                               test::GetEnv("TMPDIR")};
+  const auto mkdirMode = [](const std::string& at, mode_t mode) {
+    mkdir(at.c_str(), 0700), chmod(at.c_str(), mode);
+  };
+  const struct {
+    const char *xdg, *home;
+    std::function<void(const std::string& dir)> plant;
+    std::string dir;  // empty: refused
+  } cases[] = {
+      {"base/x", "", [](auto&) {}, PathIn(base, "x/QD")},
+      {"base", "", [&](auto& at) { mkdirMode(at, 0755); }, PathIn(base, "QD")},
+      {"base", "", [&](auto& at) { symlink(home.c_str(), at.c_str()); }, ""},
+      {"base", "", [](auto& at) { WriteFile(at, "x"); }, ""},
+      {"base", "", [&](auto& at) { mkdirMode(at, 0777); }, ""},
+      {"base", "", [&](auto& at) { mkdirMode(at, 0770); }, ""},
+      {"base", "", [&](auto& at) { mkdirMode(at, 0700), (void)chown(at.c_str(), 65534, 65534); },
+       geteuid() == 0 ? "" : PathIn(base, "QD")},
+      {"relative", "home", [](auto&) {}, PathIn(home, ".cache/QD")},
+      {"", "", [](auto&) {}, PathIn(own, "QD")},
+      {"", "", [&](auto&) { mkdirMode(own, 0777); }, ""},
+  };
+  for (const auto& c : cases) {
+    stdfs::remove_all(base), stdfs::remove_all(own), stdfs::remove_all(home);
+    stdfs::create_directories(base), stdfs::create_directories(home);
+    test::SetEnv("XDG_CACHE_HOME", *c.xdg == 'b' ? PathIn(Dir(), c.xdg) : c.xdg);
+    test::SetEnv("HOME", *c.home ? home : "");
+    test::SetEnv("TMPDIR", Dir());
+    c.plant(PathIn(base, "QD"));
+    auto cb = std::make_shared<Ready>();
+    fs->InitDirToUse("QD", cb);
+    EXPECT_EQ(c.dir, cb->dir) << c.xdg << " " << c.dir;
+    EXPECT_EQ(!c.dir.empty(), cb->success);
+    struct stat st {};
+    if (!c.dir.empty()) EXPECT_TRUE(lstat(c.dir.c_str(), &st) == 0 && (st.st_mode & 022) == 0);
+  }
+  test::SetEnv("XDG_CACHE_HOME", saved[0]), test::SetEnv("HOME", saved[1]);
+  test::SetEnv("TMPDIR", saved[2]);
+}
+#endif
 
 TEST_F(FileSystemTest, ReplacesAFileInOneStep) {
   const std::string dir = Dir();

@@ -135,7 +135,7 @@ namespace {
 #ifdef _WIN32
 constexpr const char* TEMP_AREA_VARIABLE = "TMP";
 #else
-constexpr const char* TEMP_AREA_VARIABLE = "TMPDIR";
+constexpr const char* TEMP_AREA_VARIABLE = "XDG_CACHE_HOME";
 #endif
 }  // namespace
 

@@ -66,7 +66,7 @@ void SetEnv(const std::string& name, const std::string& value);
 // The variable's value, empty when it is not set.
 std::string GetEnv(const std::string& name);
 
-// Points the file systems' working area (TMPDIR, or TMP on Windows) at `dir`
+// Points the file systems' working area (XDG_CACHE_HOME, or TMP on Windows) at `dir`
 // for the lifetime of the object, then restores what was there.
 class ScopedTempArea {
 public:
