@@ -16,11 +16,20 @@
 // `n` is the compressed length in bytes, or 0 when the stream runs to the
 // end of the source; bytes after `n` are never fed to inflate.
 //
-// Every inflated byte is kept in memory (in chunks that start at three times
-// the compressed length, or 64 KiB, and double), so seeking backwards never
-// restarts the stream. Seek works only inside what has been inflated so far;
-// to skip forward, read and discard. GetFileSize() is 0 (the inflated length
-// is unknown) and GetBufferSize() UINT64_MAX.
+// By default every inflated byte is kept in memory (in chunks that start at
+// three times the compressed length, or 64 KiB, and double), so seeking
+// backwards never restarts the stream. Seek works only inside what has been
+// inflated so far; to skip forward, read and discard. GetFileSize() is 0 (the
+// inflated length is unknown) and GetBufferSize() UINT64_MAX.
+//
+// Reading a large stream once (a log, a mesh) need not hold all of it:
+// SetMemoryLimit(bytes) keeps only about `bytes` of the most recently
+// inflated data. Seeks back inside that stay free; a seek further back
+// inflates the stream again from its start up to the target, with the same
+// bytes as before (time proportional to the target's offset).
+//
+//   auto gz = oru::CompressedFileDataSource::Create(file, 0);
+//   gz->SetMemoryLimit(16 << 20);   // a 2 GiB stream read in 16 MiB of memory
 //
 // Errors: a bad header throws UnrecognizedCompressedFormat from Create;
 // corrupt deflate data throws it from GetBytes/GetByte. A truncated stream is
@@ -79,6 +88,9 @@ public:
   bool IsTempFile() const override;
   void SetIsTempFile(bool isTempFile) override;
   uint64_t GetCompressedOffset() const override;
+  /// Keeps at most about `bytes` of inflated data (0, the default: all of
+  /// it); see the top of this header. May be called at any time.
+  void SetMemoryLimit(uint64_t bytes);
 
   class Impl;
 
@@ -107,6 +119,9 @@ public:
   bool IsTempFile() const override;
   void SetIsTempFile(bool isTempFile) override;
   uint64_t GetCompressedOffset() const override;
+  /// Keeps at most about `bytes` of inflated data (0, the default: all of
+  /// it); see the top of this header. May be called at any time.
+  void SetMemoryLimit(uint64_t bytes);
 
   class Impl;
 

@@ -29,6 +29,11 @@ public:
     Feed(input.data(), got);
   }
 
+  void RestartInput() override {
+    if (source->Seek(static_cast<int64_t>(startOffset), DS_SEEK_SET) != 0) return;
+    Refill();
+  }
+
   std::vector<std::byte> input;
   std::shared_ptr<FileDataSource> source;
 
@@ -84,6 +89,9 @@ void CompressedFileDataSource::SetIsTempFile(bool temp) {
 uint64_t CompressedFileDataSource::GetCompressedOffset() const {
   return impl->GetCompressedOffset();
 }
+void CompressedFileDataSource::SetMemoryLimit(uint64_t bytes) {
+  impl->SetMemoryLimit(bytes);
+}
 
 // ---- memory kind: inflates the block in place ------------------------------
 
@@ -99,6 +107,10 @@ public:
 
   // Everything was offered up front; there is nothing more to give.
   void Refill() override {}
+
+  void RestartInput() override {
+    Feed(source->GetDataBuffer() + startOffset, source->GetFileSize() - startOffset);
+  }
 
   std::shared_ptr<InMemoryDataSource> source;
 };
@@ -146,6 +158,9 @@ void CompressedInMemoryDataSource::SetIsTempFile(bool temp) {
 }
 uint64_t CompressedInMemoryDataSource::GetCompressedOffset() const {
   return impl->GetCompressedOffset();
+}
+void CompressedInMemoryDataSource::SetMemoryLimit(uint64_t bytes) {
+  impl->SetMemoryLimit(bytes);
 }
 
 }  // namespace oru

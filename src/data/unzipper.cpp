@@ -43,7 +43,8 @@ Unzipper::Unzipper(uint64_t n, uint64_t available)
                delete s;
              }),
       inputLeft(n),
-      inputLimited(n != 0) {
+      inputLimited(n != 0),
+      compressedLength(n) {
   if (n != 0) {
     const uint64_t bounded = std::min({n, available, MAX_FIRST_CHUNK / 3});
     chunkSize = std::max(3 * bounded, MIN_CHUNK);
@@ -56,21 +57,70 @@ Unzipper::Unzipper(uint64_t n, uint64_t available)
 
 Unzipper::~Unzipper() = default;
 
+void Unzipper::SetMemoryLimit(uint64_t bytes) {
+  memoryLimit = bytes;
+}
+
 void Unzipper::AddChunk() {
+  // With a memory limit, chunks stop growing at a quarter of it, so that
+  // freeing whole chunks keeps what is held near the limit.
+  const uint64_t cap = memoryLimit == 0 ? MAX_CHUNK : std::max(MIN_CHUNK, memoryLimit / 4);
   Chunk chunk;
   if (chunks.empty()) {
-    chunk.size = chunkSize;
+    chunk.size = std::min(chunkSize, cap);
     chunk.start = 0;
   } else {
     const Chunk& last = chunks.back();
-    chunk.size = std::min(last.size * 2, MAX_CHUNK);
+    chunk.size = std::min({last.size * 2, MAX_CHUNK, cap});
     chunk.start = last.start + last.size;
   }
   // calloc: zero-filled, and large blocks come straight from the kernel
   // already zeroed, so the fill costs nothing up front.
   chunk.data.reset(static_cast<std::byte*>(std::calloc(static_cast<size_t>(chunk.size), 1)));
   if (!chunk.data) throw std::bad_alloc();
+  keptBytes += chunk.size;
   chunks.push_back(std::move(chunk));
+  DropOldChunks();
+}
+
+void Unzipper::DropOldChunks() {
+  if (memoryLimit == 0) return;
+  while (keptBytes > memoryLimit && firstKept < readChunk) {
+    keptBytes -= chunks[firstKept].size;
+    chunks[firstKept].data.reset();
+    ++firstKept;
+  }
+}
+
+void Unzipper::Restart() {
+  highWater = std::max(highWater, Inflated());
+  if (inflateReset(stream.get()) != Z_OK) Fail();
+  chunks.clear();
+  firstKept = keptBytes = 0;
+  readChunk = readOffset = writeChunk = writeOffset = 0;
+  ended = false;
+  inputLeft = compressedLength;
+  pending = nullptr;
+  pendingLength = fedTotal = 0;
+  stream->next_in = nullptr;
+  stream->avail_in = 0;
+  AddChunk();
+  RestartInput();
+}
+
+int Unzipper::Reposition(uint64_t target) {
+  try {
+    if (target < chunks[firstKept].start) Restart();
+    std::vector<std::byte> scratch(static_cast<size_t>(std::min<uint64_t>(target, DEFAULT_CHUNK)));
+    while (GetOffset() < target) {
+      const uint64_t want = std::min<uint64_t>(target - GetOffset(), scratch.size());
+      if (GetBytes(scratch.data(), want) == 0) break;
+    }
+  } catch (const std::exception&) {
+    // Inflated once before, it fails now: the input changed under us.
+    return -1;
+  }
+  return GetOffset() == target ? 0 : -1;
 }
 
 void Unzipper::Start(DataSource& source) {
@@ -197,7 +247,9 @@ int Unzipper::GetByte() {
 }
 
 int Unzipper::Seek(int64_t offset, SeekOrigin origin) {
-  const uint64_t inflated = Inflated();
+  // Everything ever inflated counts, also what was freed or not yet
+  // inflated again since a restart.
+  const uint64_t inflated = std::max(highWater, Inflated());
   uint64_t target;
   if (origin == DS_SEEK_SET && offset >= 0) {
     target = static_cast<uint64_t>(offset);
@@ -210,9 +262,10 @@ int Unzipper::Seek(int64_t offset, SeekOrigin origin) {
     return -1;
   }
   if (target >= inflated) return -1;
-  auto it =
-      std::upper_bound(chunks.begin(), chunks.begin() + static_cast<ptrdiff_t>(writeChunk) + 1,
-                       target, [](uint64_t t, const Chunk& c) { return t < c.start + c.size; });
+  if (target < chunks[firstKept].start || target >= Inflated()) return Reposition(target);
+  auto it = std::upper_bound(chunks.begin() + static_cast<ptrdiff_t>(firstKept),
+                             chunks.begin() + static_cast<ptrdiff_t>(writeChunk) + 1, target,
+                             [](uint64_t t, const Chunk& c) { return t < c.start + c.size; });
   readChunk = static_cast<uint64_t>(it - chunks.begin());
   readOffset = target - it->start;
   return 0;

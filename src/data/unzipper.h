@@ -5,6 +5,9 @@
 // every inflated byte in a list of chunks that start at `chunkSize` bytes and
 // double. A read cursor hands bytes out; a write cursor marks how far inflate
 // has got. Seeking moves only the read cursor, inside what is inflated.
+// With a memory limit, chunks stop growing at a quarter of the limit and the
+// oldest ones behind the reader are freed; a seek back to a freed chunk
+// inflates again from the start of the stream.
 #pragma once
 
 #include <zlib.h>
@@ -32,6 +35,13 @@ public:
 
   // Supplies the next piece of input when the stream's input is exhausted.
   virtual void Refill() = 0;
+  // Offers the input again from where the stream's data starts (startOffset),
+  // for a fresh pass of inflate.
+  virtual void RestartInput() = 0;
+
+  // Keeps at most about `bytes` of inflated data (0: everything). See
+  // CompressedFileDataSource::SetMemoryLimit.
+  void SetMemoryLimit(uint64_t bytes);
 
   // Reads the stream header from `source` at its position and initialises
   // inflate; throws UnrecognizedCompressedFormat. Sets startOffset.
@@ -61,9 +71,16 @@ private:
   };
 
   void AddChunk();
+  // Frees the oldest chunks, behind the read cursor, past the memory limit.
+  void DropOldChunks();
   uint64_t Inflated() const { return chunks[writeChunk].start + writeOffset; }
   uint64_t CopyOut(std::byte* dst, uint64_t count);
   void TopUpInput();
+  // Starts inflating anew from the beginning of the stream.
+  void Restart();
+  // Moves the read cursor to `target`, below what was ever inflated,
+  // inflating again from the start when the chunk that held it was freed.
+  int Reposition(uint64_t target);
 
   std::unique_ptr<z_stream, std::function<void(z_stream*)>> stream;
   std::vector<Chunk> chunks;
@@ -72,7 +89,14 @@ private:
   uint64_t writeChunk = 0, writeOffset = 0;
   uint64_t inputLeft;
   bool inputLimited;
+  const uint64_t compressedLength;
   bool ended = false;
+  // Bounded mode: the limit (0: keep everything), the first chunk that still
+  // holds its bytes, the bytes held, and the furthest point ever inflated.
+  uint64_t memoryLimit = 0;
+  uint64_t firstKept = 0;
+  uint64_t keptBytes = 0;
+  uint64_t highWater = 0;
   // Input offered but not yet handed to zlib, whose avail_in is 32 bits.
   const std::byte* pending = nullptr;
   uint64_t pendingLength = 0;
