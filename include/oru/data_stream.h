@@ -17,7 +17,8 @@
 //   while (in.Read(&line)) { ... }
 //   in.EndCompressedSection();
 //
-// Results, kept exactly as they are on purpose:
+// Results, kept exactly as they are (readers of existing file formats were
+// written against them):
 // - A multi-byte read in host byte order succeeds when at least one byte was
 //   delivered, even if fewer than asked: compare GetBytesRead() or the
 //   position when every byte must be there. So a zero-length array read
@@ -57,7 +58,7 @@ namespace oru {
 class CompressedDataSource;
 class LineReader;
 
-// Byte order of data; spelled so on purpose. 1 little-endian, 2 big-endian.
+// Byte order of data; spelled so (the binary interface). 1 little-endian, 2 big-endian.
 enum Endianess : int32_t {
   LittleEndian = 1,
   BigEndian = 2,

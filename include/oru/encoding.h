@@ -55,8 +55,8 @@ ORU_API std::string Utf16ToUtf8(BasicStringSpan<char16_t const> text);
 ORU_API std::wstring Utf8ToWideStr(BasicStringSpan<char const> text);
 ORU_API std::string WideStrToUtf8(BasicStringSpan<wchar_t const> text);
 
-/// True when any byte has the bit of value 0x08 set (not the high bit: this
-/// test is kept as it is on purpose). False for empty text.
+/// True when any byte has the bit of value 0x08 set (not the high bit; kept:
+/// hosts pick with it which names to convert). False for empty text.
 ORU_API bool IsMultiByteStr(BasicStringSpan<char const> text);
 /// Replaces every byte that IsMultiByteStr would flag by `replacement`.
 ORU_API void MultiByteStrToSingleByte(std::string& text, char replacement);

@@ -62,8 +62,8 @@
 namespace oru {
 
 /// What Stat reports about a file. Times are seconds since 1970-01-01 UTC.
-/// The creation (or, on POSIX, status change) time deliberately comes before
-/// the modification time.
+/// The creation (or, on POSIX, status change) time comes before the
+/// modification time (kept: file systems compiled against this layout).
 struct FileStat {
   uint64_t size = 0;
   int64_t accessTime = 0;

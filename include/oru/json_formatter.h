@@ -68,8 +68,8 @@ public:
   void StartArray();
   /// "}" and "]" on their own line at the outer level, or right after the
   /// opening bracket when nothing was written in between; a bracket closed
-  /// right after such an empty one follows it on the same line ("[]]"), kept
-  /// so on purpose. Closing more levels than were opened leaves the
+  /// right after such an empty one follows it on the same line ("[]]"; kept:
+  /// files already written compare equal as text). Closing more levels than were opened leaves the
   /// indentation at 0.
   void FinishObject();
   void FinishArray();

@@ -14,7 +14,7 @@
 // 16-bit units in host order ending in a 16-bit zero. Each byte of a UTF-16
 // unit is widened as a signed value before the two are combined, so a
 // low-order byte of 0x80 or more makes the unit's high byte 0xFF (E9 00 in
-// little-endian order gives 0xFFE9); this is kept as it is on purpose. A
+// little-endian order gives 0xFFE9; kept: text read so before must read the same). A
 // lone trailing byte of UTF-16 data (an odd length) is dropped.
 //
 // `limit`, when non-zero, caps the total number of bytes the reader takes

@@ -89,8 +89,9 @@ ORU_API void* DoAllocation(uint64_t size);
 ORU_API void DoSizedFree(void* p, uint64_t size) noexcept;
 /// Frees a block of DoAllocation whose size is not known and adds 1 to
 /// CallsToDelete and to UnsizedDeallocations, nothing to
-/// CumulativeDeallocations (kept so on purpose: allocated minus deallocated
-/// bytes is then only an upper bound of the live bytes). Null is ignored.
+/// CumulativeDeallocations, so allocated minus deallocated bytes is only an
+/// upper bound of the live bytes (kept: hosts' memory reports are read that
+/// way). Null is ignored.
 ORU_API void DoUnsizedFree(void* p) noexcept;
 
 /// Current values of the allocation counters. They only grow (modulo 2^64).
@@ -139,8 +140,8 @@ class ORU_API new_delete_mem_resource final : public memory_resource {
 private:
   void* do_allocate(std::size_t bytes, std::size_t alignment) override;
   void do_deallocate(void* p, std::size_t bytes, std::size_t alignment) override;
-  // Kept on purpose: false for every resource, this one included; identity
-  // is what operator== compares first.
+  // False for every resource, this one included (kept: callers compare
+  // resources with operator==, which tests identity first).
   bool do_is_equal(const memory_resource& other) const noexcept override;
 };
 
@@ -150,7 +151,7 @@ class ORU_API null_mem_resource final : public memory_resource {
 private:
   void* do_allocate(std::size_t bytes, std::size_t alignment) override;
   void do_deallocate(void* p, std::size_t bytes, std::size_t alignment) override;
-  // Kept on purpose: false for every resource, this one included.
+  // False for every resource, this one included (kept, as above).
   bool do_is_equal(const memory_resource& other) const noexcept override;
 };
 
@@ -175,8 +176,8 @@ public:
 /// Installs `handler` as the receiver of the events of the allocation path
 /// and returns the one it replaces; null removes the handler.
 ///
-/// Kept inert on purpose in the default build: the hook is part of the
-/// interface but nothing is installed. It stores nothing, never calls
+/// Inert in the default build (kept: hosts call it unconditionally and rely
+/// on getting null back and no calls): it stores nothing, never calls
 /// `handler` and returns null.
 ///
 /// Built with the CMake option ORU_LIVE_ALLOCATION_HOOK=ON, the hook is
@@ -206,7 +207,8 @@ public:
   static void Remove(uint64_t bytes) noexcept;
   /// Bytes in use; 0 after shutdown.
   static uint64_t Used() noexcept;
-  // Kept on purpose: the setter takes mebibytes, the getter gives bytes.
+  // The setter takes mebibytes, the getter gives bytes (kept: hosts compare
+  // the getter's value with Used()).
   /// Sets the threshold to `megabytes` MiB; 0 means no threshold.
   static void SetHighUsageValue(uint64_t megabytes) noexcept;
   /// The threshold in bytes; 0 after shutdown.

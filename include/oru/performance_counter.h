@@ -70,9 +70,9 @@ public:
   /// long as the counter.
   BasicStringSpan<char const> Tag() const noexcept;
 
-  // Kept on purpose: these prefix forms return the value from *before* the
-  // change, while += and -= return the new value. Arithmetic wraps modulo
-  // 2^64.
+  // These prefix forms return the value from *before* the change, while +=
+  // and -= return the new value (kept: callers that number events with ++
+  // rely on it). Arithmetic wraps modulo 2^64.
   uint64_t operator++() noexcept { return m_value.fetch_add(1); }
   uint64_t operator--() noexcept { return m_value.fetch_sub(1); }
   uint64_t operator+=(uint64_t n) noexcept { return m_value.fetch_add(n) + n; }

@@ -145,7 +145,7 @@ public:
   void EnableTimer();
   void DisableTimer();
   /// Whether the period is measured start to start (true) or end to start.
-  void SetProritiseTimer(bool prioritise);  // spelled so on purpose
+  void SetProritiseTimer(bool prioritise);  // spelled so: the binary interface
   /// The operating system's id of the calling thread.
   static uint64_t GetCurrentThreadId();
   /// True on this object's loop thread.

@@ -94,8 +94,8 @@ ORU_API Sha1Digest FromHexForm(BasicStringSpan<char const> text);
 /// The Base64 text (28 characters, ending in one '=') of the digest's 20
 /// bytes laid out word by word, H0 first, each word least significant byte
 /// first. This byte order differs from HexForm's and from the usual
-/// big-endian digest bytes; it is kept on purpose because stored Base64
-/// digests depend on it.
+/// big-endian digest bytes; it is kept because stored Base64 digests depend
+/// on it.
 ORU_API std::string Base64Form(const Sha1Digest& digest);
 /// The inverse of Base64Form: the all-zero digest unless the text decodes
 /// (as Base64::Decode reads it) to exactly 20 bytes.

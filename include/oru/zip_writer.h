@@ -15,8 +15,8 @@
 // fields cannot hold (all ones there marks a ZIP64 field). The archive returned by GetDSForBuffer
 // ends with zero bytes after the end-of-central-directory record (its length is a sum of 4
 // KiB-or-larger block sizes); ZIP readers find the record by searching backwards, and the padding
-// is kept on purpose. After GetDSForBuffer the writer is empty and the next AddFile starts a new
-// archive.
+// is kept (callers that store archives expect these lengths). After GetDSForBuffer the writer is
+// empty and the next AddFile starts a new archive.
 //
 // Threading: not safe for concurrent use.
 #pragma once

@@ -382,7 +382,7 @@ void DataCache::AddAlternativeName(std::string const& alternative, std::string c
 void DataCache::AddFile(std::string const& name, std::shared_ptr<DataSource> const& data,
                         std::function<void(bool)> done, std::string const& extraData) {
   if (!Initialized()) {
-    done(false);  // deliberately unchecked: an empty `done` throws here
+    done(false);  // unchecked: hosts learn of a missing `done` by this throw
     return;
   }
   // Names and extra data become lines of the info file; a line break in

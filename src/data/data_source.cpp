@@ -16,7 +16,8 @@ std::shared_ptr<DataSource::Buffer> DataSource::ExtractBuffer() {
   const uint64_t length = GetFileSize();
   auto buffer = std::make_shared<BasicDataSourceBuffer>(length);
   if (length > 0) {
-    // Results deliberately unchecked: a short read leaves the rest zero.
+    // Results unchecked: a short read leaves the rest zero (callers size
+    // their reads by GetFileSize and expect a buffer that long).
     const uint64_t remembered = GetOffset();
     Seek(0, DS_SEEK_SET);
     GetBytes(buffer->MutableData(), length);

@@ -156,7 +156,7 @@ template <std::size_t Width>
 bool DataStream::ReadArray(void* values, uint64_t count) {
   auto* out = static_cast<std::byte*>(values);
   if (srcEndianess == HostEndianess) {
-    // Lenient on purpose: any delivered byte counts as success.
+    // Lenient: any delivered byte counts as success (format readers check GetBytesRead).
     return GetBytes(out, count * Width) != 0;
   }
   return ReadSwapped<Width>(out, count);
@@ -355,7 +355,7 @@ unsigned char DataStream::GetProgress() const {
                  : source->GetOffset();
   const double p = std::floor(static_cast<double>(pos) / static_cast<double>(totalSize) * 100.0);
   // Only the low byte of the truncated value is looked at (positions past
-  // the end can wrap); kept as it is on purpose.
+  // the end can wrap; kept: hosts' progress displays show these numbers).
   const auto low = static_cast<unsigned char>(std::fmod(p, 256.0));
   return low > 100 ? 100 : low;
 }

@@ -121,7 +121,7 @@ int InMemoryDataSource::Seek(int64_t off, SeekOrigin origin) {
       break;
     case DS_SEEK_END:
       // A positive offset from the end is refused even though a position of
-      // exactly `size` is otherwise legal; kept on purpose.
+      // exactly `size` is otherwise legal (kept: callers test for the -1).
       target = size + delta;
       if (off > 0 || target > size) return -1;
       break;

@@ -155,8 +155,8 @@ struct LineReader::State {
     }
     const unsigned char lo = encoding == UTF16_LE ? bytes[0] : bytes[1];
     const unsigned char hi = encoding == UTF16_LE ? bytes[1] : bytes[0];
-    // Both bytes are widened as signed values before they are combined; kept
-    // as it is on purpose (a low byte >= 0x80 forces the high byte to 0xFF).
+    // Both bytes are widened as signed values before they are combined (a low
+    // byte >= 0x80 forces the high byte to 0xFF; kept: text read so before must read the same).
     const int v = static_cast<int>(static_cast<signed char>(lo)) |
                   (static_cast<int>(static_cast<signed char>(hi)) * 256);
     *unit = static_cast<char16_t>(static_cast<uint16_t>(v));

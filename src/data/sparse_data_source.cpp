@@ -50,7 +50,8 @@ struct SparseDataSource::State {
   }
 
   // The recorded current section is not shifted when sections are inserted
-  // or removed before it (kept on purpose), so it may name a section that no
+  // or removed before it (kept: owners' loading code was written against the
+  // reads this gives), so it may name a section that no
   // longer holds the position. Reading from that one would take bytes from
   // the wrong place or outside its memory; it is treated as no section.
   bool HasCurrent() const { return Holds(currentSection); }
@@ -77,7 +78,7 @@ uint64_t SparseDataSource::AddSection(uint64_t offset, uint64_t size) {
   const auto index = static_cast<uint64_t>(it - s.sections.begin());
   s.sections.insert(it, State::Stored{offset, std::vector<std::byte>(static_cast<size_t>(size))});
   // An existing currentSection at or after the insertion point is not
-  // shifted; kept as it is on purpose.
+  // shifted (kept, as above).
   if (offset <= s.position && s.position - offset < size) s.currentSection = index;
   return index;
 }
@@ -163,7 +164,7 @@ int SparseDataSource::Seek(int64_t offset, SeekOrigin origin) {
       return -1;
   }
   // The relative forms check the target they describe but store the raw
-  // argument; kept exactly as it is on purpose.
+  // argument (kept: owners read GetOffset back after such seeks).
   s.position = raw;
   s.currentSection = NO_SECTION;
   return 0;

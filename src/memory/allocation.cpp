@@ -198,7 +198,7 @@ MemoryEventHandler* SetAllocationEventHandler(MemoryEventHandler* handler) noexc
     return InstallEventHandler(handler);
   } else {
     (void)handler;
-    return nullptr;  // inert on purpose: nothing is stored or installed
+    return nullptr;  // inert: nothing is stored or installed (see the header)
   }
 }
 
@@ -228,7 +228,7 @@ void RecordMemoryUsage::SetHighUsageValue(uint64_t megabytes) noexcept {
 }
 
 uint64_t RecordMemoryUsage::GetHighUsageValue() noexcept {
-  return IsDoingShutdown() ? 0 : s_highUsageBytes.load();  // bytes, not MiB, on purpose
+  return IsDoingShutdown() ? 0 : s_highUsageBytes.load();  // bytes, not MiB (see the header)
 }
 
 bool RecordMemoryUsage::PassedHighUsage() noexcept {
@@ -247,8 +247,8 @@ void RecordMemoryUsage::ResetRecordUsageTime() noexcept {
 
 void RecordMemoryUsage::PrintfRecordUsageTime() {
   if (s_recordUsageMilliseconds.load() == 0) return;
-  // Kept on purpose: the seconds are computed in single precision and only
-  // widened for printing.
+  // The seconds are computed in single precision and only widened for
+  // printing (kept: scripts that read this line expect those digits).
   const float seconds = static_cast<float>(s_recordUsageMilliseconds.load()) / 1000.0f;
   std::printf("Total Memory Usage Time: %fs\n", static_cast<double>(seconds));
 }

@@ -159,9 +159,9 @@ const std::vector<std::string_view>& StopNames() {
       "invoke_main",
       "__scrt_common_main_seh",
       "__scrt_common_main",
-      // Kept on purpose as one name of two thread-start functions run
-      // together: it matches neither, so worker-thread stacks run out to
-      // their last frame.
+      // One name of two thread-start functions run together: it matches
+      // neither, so worker-thread stacks run out to their last frame (kept:
+      // traces compared across runs need the same cut).
       "BaseThreadInitThunkRtlUserThreadStart",
       "main",
   };
@@ -417,7 +417,8 @@ private:
     if (end < m_frames.size()) ++end;  // the start-up frame itself stays
 
     // Each run of two or more "std::" frames keeps only its outermost frame,
-    // unless the run reaches the outer end (kept whole on purpose).
+    // unless the run reaches the outer end (kept whole: traces compared
+    // across runs need the same frames).
     m_kept.clear();
     for (size_t i = first; i < end;) {
       size_t runEnd = i;

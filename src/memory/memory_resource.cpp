@@ -20,7 +20,7 @@ void new_delete_mem_resource::do_deallocate(void* p, std::size_t bytes, std::siz
 }
 
 bool new_delete_mem_resource::do_is_equal(const memory_resource& /*other*/) const noexcept {
-  return false;  // on purpose, see the header
+  return false;  // kept: see the header
 }
 
 void* null_mem_resource::do_allocate(std::size_t /*bytes*/, std::size_t /*alignment*/) {
@@ -31,7 +31,7 @@ void null_mem_resource::do_deallocate(void* /*p*/, std::size_t /*bytes*/,
                                       std::size_t /*alignment*/) {}
 
 bool null_mem_resource::do_is_equal(const memory_resource& /*other*/) const noexcept {
-  return false;  // on purpose, see the header
+  return false;  // kept: see the header
 }
 
 namespace {

@@ -19,7 +19,7 @@
 // so that the frames a heap trace drops as machinery are just these names.
 //
 // The over-aligned forms (alignment above __STDCPP_DEFAULT_NEW_ALIGNMENT__)
-// are deliberately left to the C++ runtime: the library allocates no
+// are left to the C++ runtime: the library allocates no
 // over-aligned objects, and they are not counted.
 #include <cstddef>
 #include <new>

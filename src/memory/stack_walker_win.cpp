@@ -257,7 +257,7 @@ struct StackWalker::Impl {
       // No session was opened, so none may be closed: forget the entry
       // points along with the library.
       ForgetDbgHelp();
-      // The double space is kept on purpose: callers match this text.
+      // The double space is kept: callers match this text.
       throw std::runtime_error("Failed to load symbols from  the dbghelp.dll");
     }
 

@@ -326,7 +326,7 @@ std::string WideStrToUtf8(BasicStringSpan<wchar_t const> text) {
   return ToUtf8<WIDE_FORM>(text, "\" from wide to utf8 string (");
 }
 
-// The bit tested is 0x08, not the high bit; kept so on purpose.
+// The bit tested is 0x08, not the high bit (kept: hosts pick with it which names to convert).
 bool IsMultiByteStr(BasicStringSpan<char const> text) {
   for (const char c : text) {
     if (c & 0x08) return true;
@@ -334,7 +334,7 @@ bool IsMultiByteStr(BasicStringSpan<char const> text) {
   return false;
 }
 
-// Same 0x08 test as IsMultiByteStr, kept so on purpose.
+// Same 0x08 test as IsMultiByteStr (kept for the same hosts).
 void MultiByteStrToSingleByte(std::string& text, char replacement) {
   for (char& c : text) {
     if (c & 0x08) c = replacement;

@@ -130,7 +130,7 @@ void JsonFormatter::FinishCompound(char c) {
   }
   // An empty object or array closes right after its opening bracket. The
   // flag is not cleared here, so a bracket closed right after an empty one
-  // follows it on the same line ("[]]"); kept so on purpose.
+  // follows it on the same line ("[]]"; kept: written files compare as text).
   if (!m_justOpened) {
     m_needIndent = true;
     DoIndent();
@@ -157,7 +157,7 @@ void JsonFormatter::ItemSeparator() {
     return;
   }
   // In compact mode the ", " is followed by the space that stands in for the
-  // line break, so items are two spaces apart; kept so on purpose.
+  // line break, so items are two spaces apart (kept: written files compare as text).
   if (m_compact)
     Write(m_out, ", ", 2);
   else
@@ -166,7 +166,7 @@ void JsonFormatter::ItemSeparator() {
 }
 
 void JsonFormatter::NameValueSeparator() {
-  // Spaces on both sides of the colon in pretty output are kept on purpose.
+  // Spaces on both sides of the colon in pretty output (kept: written files compare as text).
   if (m_pretty)
     Write(m_out, " : ", 3);
   else
@@ -223,7 +223,7 @@ void JsonFormatter::FormatFloating(double value) {
     return;
   }
   if (value == 0) {
-    // The sign of zero is kept on purpose.
+    // The sign of zero is kept: readers get -0.0 back.
     if (std::signbit(value))
       Write(m_out, "-0.0", 4);
     else
@@ -234,7 +234,7 @@ void JsonFormatter::FormatFloating(double value) {
   std::to_chars_result result;
   // Below 1e-7 fixed notation would need long runs of zeros, so scientific
   // notation with 5 decimals is used there; the threshold and that
-  // precision (which does not round-trip) are kept on purpose.
+  // precision (which does not round-trip) are kept: written files compare as text.
   if (std::fabs(value) >= 1e-7) {
     // The fewest fixed-notation digits that read back as the same double.
     result = std::to_chars(text, text + sizeof text - 2, value, std::chars_format::fixed);

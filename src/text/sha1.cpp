@@ -217,7 +217,7 @@ Sha1Digest FromHexForm(BasicStringSpan<char const> text) {
 }
 
 std::string Base64Form(const Sha1Digest& digest) {
-  // Each word least significant byte first: kept on purpose, stored digests depend on it.
+  // Each word least significant byte first: kept, stored digests depend on it.
   char bytes[20];
   for (int i = 0; i < 20; ++i) bytes[i] = static_cast<char>(digest.words[i / 4] >> 8 * (i % 4));
   return Base64::Encode(bytes, sizeof bytes);

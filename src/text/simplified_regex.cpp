@@ -229,7 +229,7 @@ bool SimplifiedRegex::UsesWildcardFastPath() const {
 }
 
 bool SimplifiedRegex::Match(const char* text, uint64_t length) const {
-  // Lengths are signed 32-bit counts, kept so on purpose.
+  // Lengths are signed 32-bit counts (kept: hosts get the answers they got for 2 GiB texts).
   const auto n = static_cast<int32_t>(static_cast<uint32_t>(length));
   if (n < 0 || !m_regex) return false;
   if (m_wildcard) return m_wildcard->Match(reinterpret_cast<const unsigned char*>(text), n);

@@ -72,7 +72,7 @@ public:
     {
       std::lock_guard<std::mutex> lock(mutex);
       maxThreads = n;
-      backgroundLimit = n / 2;  // no minimum of 1 here, kept on purpose
+      backgroundLimit = n / 2;  // no minimum of 1 (kept: one thread runs foreground work only)
       while (threadCount > maxThreads && !idleThreads.empty()) {
         std::shared_ptr<TaskThread> t = idleThreads.front();
         idleThreads.pop_front();

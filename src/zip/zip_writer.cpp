@@ -83,7 +83,7 @@ struct ZipWriter::Impl {
   }
 
   // The length written so far, not the cursor's position: minizip asks for
-  // it to learn where the next record starts; kept so on purpose.
+  // it to learn where the next record starts (kept: minizip's offsets depend on it).
   static ZPOS64_T ZCALLBACK Tell(voidpf opaque, voidpf) {
     const Impl& self = *static_cast<Impl*>(opaque);
     uint64_t total = 0;
@@ -170,7 +170,7 @@ std::shared_ptr<DataSource> ZipWriter::GetDSForBuffer() {
     impl->zipHandle = nullptr;
   }
   // Whole blocks, not only what was written: the zero padding after the
-  // end record is kept on purpose.
+  // end record is kept (callers that store archives expect these lengths).
   uint64_t total = 0;
   for (const auto& b : impl->blocks) total += b->bytes.size();
   std::string archive;
