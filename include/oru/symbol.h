@@ -37,10 +37,7 @@
 
 #include "oru/export.h"
 #include "oru/string_span.h"
-
-#if defined(__GLIBCXX__)
-#include <ext/atomicity.h>
-#endif
+#include "oru/toolchain.h"
 
 namespace oru {
 
@@ -144,13 +141,7 @@ private:
   // While the process has a single thread (as the C++ library tracks it for
   // std::shared_ptr), counts need no locked instructions; the first thread
   // started ends that for good, and its start orders what came before.
-  static bool SingleThreaded() noexcept {
-#if defined(__GLIBCXX__)
-    return __gnu_cxx::__is_single_threaded();
-#else
-    return false;
-#endif
-  }
+  static bool SingleThreaded() noexcept { return detail::ProcessIsSingleThreaded(); }
   static void Increment(const char* text) noexcept {
     std::atomic<int32_t>& count = Count(text);
     if (SingleThreaded()) {

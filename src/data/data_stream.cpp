@@ -10,6 +10,7 @@
 #include "oru/compressed_data_source.h"
 #include "oru/file_data_source.h"
 #include "oru/make_shared_enabler.h"
+#include "oru/toolchain.h"
 #include "oru/sparse_data_source.h"
 
 namespace oru {
@@ -30,13 +31,13 @@ inline void SwapElement(std::byte* dst, const std::byte* src) {
   } else if constexpr (Width == 4) {
     uint32_t v;
     std::memcpy(&v, src, 4);
-    v = __builtin_bswap32(v);
+    v = detail::ByteSwap32(v);
     std::memcpy(dst, &v, 4);
   } else {
     static_assert(Width == 8);
     uint64_t v;
     std::memcpy(&v, src, 8);
-    v = __builtin_bswap64(v);
+    v = detail::ByteSwap64(v);
     std::memcpy(dst, &v, 8);
   }
 }

@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
-#if defined(__x86_64__) || defined(_M_X64)
+// The vector scans use GCC and Clang built-ins; other compilers scan bytewise.
+#if (defined(__x86_64__) || defined(_M_X64)) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
 #define ORU_LINE_SCAN_X86 1
 #endif

@@ -69,7 +69,7 @@ constinit std::atomic<uint32_t> s_handlerCalls[2]{0, 0};
 thread_local int t_handlerDepth = 0;
 
 [[maybe_unused]] MemoryEventHandler* InstallEventHandler(MemoryEventHandler* handler) noexcept {
-  static std::atomic_flag installing = ATOMIC_FLAG_INIT;
+  static std::atomic_flag installing;  // clear: C++20 initialises it so
   while (installing.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
   MemoryEventHandler* previous = s_eventHandler.exchange(handler);
   const uint32_t oldGeneration = s_handlerGeneration.fetch_add(1);

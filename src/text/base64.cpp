@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "oru/sha1.h"
+#include "oru/toolchain.h"
 
 namespace oru {
 namespace {
@@ -42,7 +43,7 @@ constexpr PairTable ENCODE = MakePairTable();
 inline uint64_t LoadBigEndian64(const unsigned char* p) {
   uint64_t v;
   std::memcpy(&v, p, sizeof v);
-  if constexpr (LITTLE_ENDIAN_HOST) v = __builtin_bswap64(v);
+  if constexpr (LITTLE_ENDIAN_HOST) v = detail::ByteSwap64(v);
   return v;
 }
 

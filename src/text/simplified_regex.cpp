@@ -7,6 +7,7 @@
 #include <locale>
 
 #include "oru/symbol.h"
+#include "oru/toolchain.h"
 
 namespace oru {
 
@@ -198,7 +199,7 @@ namespace {
 // pattern. Patterns with back-references still need backtracking; the
 // engine picks that by itself.
 std::regex::flag_type EngineFlags() {
-#if defined(__GLIBCXX__)
+#if ORU_HAS_POLYNOMIAL_REGEX
   return std::regex::ECMAScript | std::regex_constants::__polynomial;
 #else
   return std::regex::ECMAScript;
