@@ -5,21 +5,15 @@
 #include <cstdlib>
 #include <utility>
 
+#include "cache/info_file.h"
 #include "oru/make_shared_enabler.h"
 
 namespace oru {
 
 namespace {
 
-constexpr const char* END_OF_ENTRIES = "---";
-constexpr const char* ALTERNATIVE_MARK = "<<>>";
 // The info file is first written here, then moved over the real one.
 constexpr const char* NEW_INFO_SUFFIX = ".new";
-// An info file larger than this, or with a line longer than this, is not
-// one the cache wrote: it is treated as unreadable, like one of another
-// version, instead of being read into memory whole.
-constexpr uint64_t MAX_INFO_FILE_SIZE = uint64_t{64} << 20;
-constexpr size_t MAX_INFO_LINE = size_t{64} << 10;
 
 bool HasLineBreak(std::string const& text) {
   return text.find_first_of("\r\n") != std::string::npos;
@@ -183,83 +177,7 @@ bool DataCache::Initialized() {
 void DataCache::ReadInfoFile(InfoMap& out) {
   infoFileRead = true;
   if (cacheDir.empty()) return;
-  FileSystem& fs = *fileSystem;
-  FileStat st;
-  if (!fs.Stat(infoFilePath.c_str(), st)) return;
-  if (!st.IsRegularFile()) {
-    // A link or a FIFO planted in its place is removed, never followed.
-    fs.Unlink(infoFilePath.c_str());
-    return;
-  }
-  if (st.size > MAX_INFO_FILE_SIZE) return;
-  auto fp = fs.Fopen(infoFilePath.c_str(), "r");
-  if (!fp) return;
-
-  // ReadLine cannot tell the end of the file from an empty line, so the
-  // file's size bounds the reading: every line read uses at least its length
-  // plus one byte of the file. With CR LF line ends this under-counts, and
-  // the few empty reads past the end are harmless. A line too long for the
-  // cache to have written ends the reading as a broken file.
-  uint64_t remaining = st.size;
-  bool broken = false;
-  const auto next = [&](std::string& line) {
-    if (remaining == 0 || broken) return false;
-    line = fs.ReadLine(fp);
-    remaining -= std::min<uint64_t>(remaining, line.size() + 1);
-    broken = line.size() > MAX_INFO_LINE;
-    return !broken;
-  };
-
-  std::string line;
-  if (!next(line) || line != VERSION_TEXT) {
-    fs.Fclose(fp);
-    return;
-  }
-
-  const char separator = fs.GetDirSeparator();
-  InfoMap entries;
-  bool sawEndOfEntries = false;
-  std::string logicalName;
-  while (next(line)) {
-    if (line == END_OF_ENTRIES) {
-      sawEndOfEntries = true;
-      break;
-    }
-    if (!next(logicalName)) logicalName.clear();
-    const size_t space = line.find(' ');
-    // A line without a space is never written by the cache: skip the pair.
-    if (space == std::string::npos || space == 0 || logicalName.empty()) continue;
-    entries[cacheDir + separator + line.substr(0, space)] =
-        InfoContent{logicalName, line.substr(space + 1)};
-  }
-
-  std::vector<std::pair<std::string, std::string>> alternatives;
-  bool lastLineWasAlternative = false;
-  while (sawEndOfEntries && next(line)) {
-    if (line.empty()) continue;
-    const size_t mark = line.find(ALTERNATIVE_MARK);
-    lastLineWasAlternative = mark != std::string::npos;
-    if (lastLineWasAlternative) {
-      alternatives.emplace_back(line.substr(0, mark), line.substr(mark + 4));
-    }
-  }
-  fs.Fclose(fp);
-
-  // A file cut short ends without its line end; the last line read may then
-  // be the front of a longer one, and a truncated logical name could be
-  // another file's. Entries are trusted only when "---" follows them, and an
-  // unterminated last alternative is dropped.
-  if (lastLineWasAlternative) {
-    auto whole = fs.GetDS(infoFilePath.c_str());
-    const bool endsWithNewline =
-        whole && whole->Seek(-1, DS_SEEK_END) != -1 && whole->GetByte() == '\n';
-    if (!endsWithNewline) alternatives.pop_back();
-  }
-  if (!sawEndOfEntries || broken) return;
-  out = std::move(entries);
-  for (auto& [alternative, name] : alternatives) {
-    if (!alternative.empty() && !name.empty()) alternativeNames[alternative] = name;
-  }
+  detail::ReadInfoFile(*fileSystem, infoFilePath, cacheDir, out, alternativeNames);
 }
 
 void DataCache::SetupFileCache(InfoMap const& map) {
@@ -311,27 +229,8 @@ void DataCache::SetupFileCache(InfoMap const& map) {
 bool DataCache::WriteInfoFileTo(char const* path) const {
   auto fp = fileSystem->Fopen(path, "w");
   if (!fp) return false;
-  const char separator = fileSystem->GetDirSeparator();
-  std::string text = VERSION_TEXT;
-  text += '\n';
-  for (auto const& [name, record] : files) {
-    const size_t slash = record->path.rfind(separator);
-    if (slash == std::string::npos || slash + 1 == record->path.size()) continue;
-    text.append(record->path, slash + 1, std::string::npos);
-    text += ' ';
-    text += record->extraData;
-    text += '\n';
-    text += name;
-    text += '\n';
-  }
-  text += END_OF_ENTRIES;
-  text += '\n';
-  for (auto const& [alternative, name] : alternativeNames) {
-    text += alternative;
-    text += ALTERNATIVE_MARK;
-    text += name;
-    text += '\n';
-  }
+  const std::string text =
+      detail::InfoFileText(files, alternativeNames, fileSystem->GetDirSeparator());
   fileSystem->Fwrite(text.data(), text.size(), fp);
   fileSystem->Fclose(fp);
   return true;
@@ -371,7 +270,7 @@ bool DataCache::GetInfoFileContent(std::vector<InfoContent>& out) {
 
 void DataCache::AddAlternativeName(std::string const& alternative, std::string const& name) {
   if (alternative.empty() || name.empty() || HasLineBreak(alternative) || HasLineBreak(name) ||
-      alternative.find(ALTERNATIVE_MARK) != std::string::npos) {
+      alternative.find(detail::ALTERNATIVE_MARK) != std::string::npos) {
     return;
   }
   alternativeNames[alternative] = name;
