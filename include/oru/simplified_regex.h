@@ -32,8 +32,10 @@
 // per nesting level, so a pattern of tens of thousands of atoms or
 // parentheses would overflow the stack. Patterns come from users, so
 // CompileRegex rejects, as it rejects any invalid pattern, a pattern longer
-// than MAX_PATTERN_LENGTH (1024) bytes or with parentheses nested deeper than
-// MAX_NESTING (64): std::regex_error with code error_complexity. At the
+// than MAX_PATTERN_LENGTH (1024) bytes, with parentheses nested deeper than
+// MAX_NESTING (64), or whose counted repetitions ("a{1000}", which the
+// engine spells out) would make it more than twice that long:
+// std::regex_error with code error_complexity. At the
 // limits, compiling and searching need at most about 150 KiB of stack in a
 // debug build (500 KiB under AddressSanitizer), so they fit the smallest
 // common default thread stack (1 MiB, Windows').

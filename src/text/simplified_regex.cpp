@@ -2,9 +2,12 @@
 // std::regex, with a direct scan for patterns that are plain wildcards.
 #include "oru/simplified_regex.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <locale>
+#include <string_view>
+#include <vector>
 
 #include "oru/symbol.h"
 #include "oru/toolchain.h"
@@ -59,28 +62,68 @@ bool IsOperator(char c) {
   return std::strchr("\\|+()[]{}", c) != nullptr && c != '\0';
 }
 
-// Whether the user's pattern stays within the size the engine can take
-// without running out of stack: its length, and the depth of its groups
-// (outside bracket expressions, where a parenthesis is literal).
-bool WithinLimits(BasicStringSpan<char const> pattern) {
+// Whether a pattern stays within what the engine can take without running
+// out of stack: the user's pattern's length, and, on its translation, the
+// depth of groups and the size once every counted repetition ("{n}",
+// "{n,}", "{n,m}") is spelled out, as the engine's compiler does. That size
+// counts the translation's characters, a repeated group's (or bracket
+// expression's, or character's) as often as it is repeated; without counted
+// repetitions it is the translation's length, at most twice the pattern's.
+bool WithinLimits(BasicStringSpan<char const> pattern, std::string_view translated) {
   if (pattern.size() > SimplifiedRegex::MAX_PATTERN_LENGTH) return false;
-  int depth = 0;
-  bool escaped = false;
-  bool inBrackets = false;
-  for (char c : pattern) {
-    if (escaped) {
-      escaped = false;
-    } else if (c == '\\') {
-      escaped = true;
-    } else if (inBrackets) {
-      inBrackets = c != ']';
+  constexpr uint64_t MAX_EXPANDED = 2 * SimplifiedRegex::MAX_PATTERN_LENGTH;
+  std::vector<uint64_t> groups{0};  // sizes of the open groups, outermost first
+  uint64_t last = 0;                // size of what a quantifier would repeat
+  for (size_t i = 0; i < translated.size(); ++i) {
+    const char c = translated[i];
+    if (c == '\\' && i + 1 < translated.size()) {
+      last = 2;
+      ++i;
     } else if (c == '[') {
-      inBrackets = true;
-    } else if (c == '(' && ++depth > SimplifiedRegex::MAX_NESTING) {
-      return false;
-    } else if (c == ')' && depth > 0) {
-      --depth;
+      const size_t begin = i;
+      // ']' right after '[' or "[^" is a member, not the end.
+      i += translated.compare(i, 2, "[^") == 0 ? 2 : 1;
+      if (i < translated.size() && translated[i] == ']') ++i;
+      while (i < translated.size() && translated[i] != ']') i += translated[i] == '\\' ? 2 : 1;
+      last = std::min(i, translated.size() - 1) - begin + 1;
+    } else if (c == '(') {
+      if (groups.size() > static_cast<size_t>(SimplifiedRegex::MAX_NESTING)) return false;
+      groups.push_back(1);
+      last = 0;
+      continue;
+    } else if (c == ')' && groups.size() > 1) {
+      last = groups.back() + 1;
+      groups.pop_back();
+    } else if (c == '{') {
+      // n, n, or n,m: the largest count is what gets spelled out.
+      uint64_t counts[2] = {0, 0};
+      int which = 0;
+      size_t j = i + 1;
+      for (; j < translated.size() && translated[j] != '}'; ++j) {
+        if (translated[j] == ',' && which == 0) {
+          which = 1;
+        } else if (translated[j] >= '0' && translated[j] <= '9') {
+          counts[which] = counts[which] * 10 + static_cast<uint64_t>(translated[j] - '0');
+          if (counts[which] > MAX_EXPANDED) return false;
+        } else {
+          break;  // not a counted repetition: the engine rejects it, or it is literal
+        }
+      }
+      if (j < translated.size() && translated[j] == '}') {
+        const uint64_t repeat = std::max(counts[0] + (which == 1 ? 1 : 0), counts[1]);
+        if (repeat > 1) groups.back() += last * (repeat - 1);
+        groups.back() += j - i + 1;
+        if (groups.back() > MAX_EXPANDED) return false;
+        i = j;
+        last = 0;
+        continue;
+      }
+      last = 1;
+    } else {
+      last = 1;
     }
+    groups.back() += last;
+    if (groups.back() > MAX_EXPANDED) return false;
   }
   return true;
 }
@@ -212,8 +255,9 @@ bool SimplifiedRegex::CompileRegex(BasicStringSpan<char const> pattern, bool cas
   ClearRegex();
   auto flags = EngineFlags();
   if (caseInsensitive) flags |= std::regex::icase;
-  if (!WithinLimits(pattern)) throw std::regex_error(std::regex_constants::error_complexity);
   const std::string translated = Translate(pattern);
+  if (!WithinLimits(pattern, translated))
+    throw std::regex_error(std::regex_constants::error_complexity);
   *m_regex = std::regex(translated, flags);  // throws std::regex_error on a bad pattern
   if (m_fastPathAllowed) m_wildcard = Wildcard::From(pattern, caseInsensitive, m_regex->getloc());
   return true;

@@ -172,6 +172,11 @@ TEST(SimplifiedRegex, PatternsPastTheSizeLimitsAreRejected) {
       {literalParens + nested, std::string(40, '(') + "a"},
       {std::string(50000, '('), ""},
       {std::string(50000, 'a'), ""},
+      // Counted repetitions are spelled out by the engine: they count so.
+      {"a{1000}b", std::string(1000, 'a') + "b"},
+      {"a{3000}", ""},
+      {"(ab{10,40}){50}", ""},
+      {"a{3,99999999999999999999}", ""},
   };
   for (const auto& c : cases) {
     SimplifiedRegex r;
