@@ -258,4 +258,15 @@ int ChildProcess::Wait() {
   return status;
 }
 
+std::string ExecutableDirectory() {
+#ifdef _WIN32
+  wchar_t self[MAX_PATH];
+  const DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const auto u8 = fs::path(std::wstring(self, n)).parent_path().u8string();
+#else
+  const auto u8 = fs::read_symlink("/proc/self/exe").parent_path().u8string();
+#endif
+  return std::string(u8.begin(), u8.end());
+}
+
 }  // namespace oru::test

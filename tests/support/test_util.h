@@ -49,6 +49,9 @@ std::string ReadAll(DataSource& src, uint64_t step);
 // The whole content of a source from its start; "<null>" for a null pointer.
 std::string Contents(const std::shared_ptr<DataSource>& src);
 
+// The directory of the running test program, UTF-8.
+std::string ExecutableDirectory();
+
 // Deterministic pseudo-random bytes for test data.
 std::string RandomBytes(std::size_t n, unsigned seed);
 
