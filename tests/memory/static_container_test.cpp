@@ -1,0 +1,73 @@
+// StaticContainer: newest first, exactly once, from any thread, and at exit
+// when the host never asks.
+#include "oru/static_container.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/test_util.h"
+
+namespace oru {
+namespace {
+
+// Appends its name to a log when destroyed; may use an older object then.
+struct Logged {
+  Logged(std::vector<std::string>* log, std::string name, Logged* older = nullptr)
+      : m_log(log), m_name(std::move(name)), m_older(older) {}
+  ~Logged() { m_log->push_back(m_name + (m_older ? "<" + m_older->m_name : "")); }
+  std::vector<std::string>* m_log;
+  std::string m_name;
+  Logged* m_older;
+};
+
+TEST(StaticContainer, DestroysNewestFirstExactlyOnce) {
+  std::vector<std::string> log;
+  Logged& a = StaticContainer::Make<Logged>(&log, "a");
+  StaticContainer::Make<Logged>(&log, "b", &a);
+  std::atomic<int> made{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&made] {
+      for (int i = 0; i < 100; ++i, ++made) StaticContainer::Make<std::vector<int>>(64, 7);
+    });
+  for (auto& t : threads) t.join();
+  StaticContainer::DestroyAll();
+  EXPECT_EQ(log, (std::vector<std::string>{"b<a", "a"}));
+  StaticContainer::Make<Logged>(&log, "c");
+  StaticContainer::DestroyAll();
+  StaticContainer::DestroyAll();  // nothing left: nothing destroyed twice
+  EXPECT_EQ(log, (std::vector<std::string>{"b<a", "a", "c"}));
+  EXPECT_EQ(made.load(), 400);
+}
+
+// Writes its name to a file when destroyed.
+struct Marker {
+  explicit Marker(std::string n) : name(std::move(n)) {}
+  ~Marker() { std::ofstream(test::GetEnv("ORU_STATIC_LOG"), std::ios::app) << name; }
+  std::string name;
+};
+
+TEST(StaticContainer, DISABLED_ChildExitsWithoutDestroyAll) {
+  for (const char* name : {"1", "2", "3"}) StaticContainer::Make<Marker>(name);
+}
+
+TEST(StaticContainer, DestroysAtExitWhenTheHostNeverDoes) {
+  test::TempDir tmp;
+  test::SetEnv("ORU_STATIC_LOG", tmp.File("log"));
+  int status;
+  {
+    test::ChildProcess child("StaticContainer.DISABLED_ChildExitsWithoutDestroyAll");
+    status = child.Wait();
+  }
+  test::SetEnv("ORU_STATIC_LOG", "");
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(test::ReadFile(tmp.File("log")), "321");
+}
+
+}  // namespace
+}  // namespace oru
