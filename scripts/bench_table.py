@@ -45,6 +45,9 @@ TARGETS = {
     "BM_Alloc16Threads2": None,
     "BM_RemoteRoundTrip": None,  # a latency target: ours <= 1.2x the peer's time, i.e. ratio >= 0.83
     "BM_TaskPool1M": None,  # within 3x of oneTBB: ratio >= 0.33
+    "BM_ParseURL": 1.0,
+    "BM_FileSpecFullPath": 1.0,
+    "BM_TraceRange": None,  # no peer: ns per range, idle target under 2 ns
 }
 
 PEERS = {
@@ -71,6 +74,8 @@ PEERS = {
     "BM_Alloc16Threads2": "malloc(16) + free on 2 threads",
     "BM_RemoteRoundTrip": "std::packaged_task on a mutex/condition-variable worker",
     "BM_TaskPool1M": "oneTBB task_group in a task_arena of the same size",
+    "BM_ParseURL": "uriparser uriParseSingleUriA + uriFreeUriMembersA",
+    "BM_FileSpecFullPath": "std::filesystem::path(p).string()",
 }
 
 # Jobs measured against n instead of a peer: what one pass does, how many

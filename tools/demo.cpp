@@ -8,7 +8,10 @@
 // does: cached file source -> ZipDataStream -> member by "zipdatastream://"
 // URL -> DataStream with a compressed section -> typed reads, and LineReader
 // for the text. Finally it reads a partly loaded (sparse) source the way a
-// viewer would that fetches byte ranges on demand.
+// viewer would that fetches byte ranges on demand. The cached file is opened
+// again through its "file://" URL, and every stage is recorded as an
+// apitrace::Range into a trace file (named at the end) that Perfetto's UI
+// shows.
 //
 //   oru_demo            use the cache as it is
 //   oru_demo --fresh    drop the scene from the cache first (as on a first run)
@@ -24,6 +27,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -102,6 +106,8 @@ int RunDemo(bool fresh) {
   const std::string sceneUrl = "https://example.com/scenes/scene.zip";
 
   // 1. Ask the download cache for the scene; fetch and add it when missing.
+  std::optional<oru::apitrace::Range> stage;
+  stage.emplace("cache");
   auto cache = oru::DataCache::Create(oru::CreateNativeFileSystem(), 64 << 20);
   cache->Initialize();
   if (!cache->Initialized()) {
@@ -140,7 +146,16 @@ int RunDemo(bool fresh) {
     if (!file) return 1;
   }
 
-  // 2. Open it as an archive of members addressed by URL.
+  // 2. Open it as an archive of members addressed by URL, reached again by
+  // the cached file's own "file://" URL.
+  stage.emplace("archive");
+  auto* cached = dynamic_cast<oru::FileDataSource*>(file.get());
+  if (cached == nullptr) return 1;
+  const std::string fileUrl = oru::GetURLForFileSource(cached->GetFileName());
+  std::cout << "the cached copy is " << fileUrl << " (a ." << oru::FindURLFileExtension(sceneUrl)
+            << " file by its URL)\n";
+  file = oru::GetFileSourceForURL(fileUrl);
+  if (!file) return 1;
   auto zip = oru::ZipDataStream::Create(file);
   std::vector<std::string> members;
   if (!zip->IsValid() || !zip->ListContents(&members)) return 1;
@@ -153,6 +168,7 @@ int RunDemo(bool fresh) {
   std::cout << "member " << url << ": " << member->GetFileSize() << " bytes\n";
 
   // 3. Typed reads: big-endian header and floats inside a gzip section.
+  stage.emplace("typed reads");
   oru::DataStream in(member);
   in.SetSrcEndianess(oru::BigEndian);
   if (!in.StartCompressedSection()) return 1;
@@ -170,11 +186,13 @@ int RunDemo(bool fresh) {
   in.EndCompressedSection();
 
   // 4. Text lines, with the byte-order mark recognised.
+  stage.emplace("text lines");
   oru::DataStream readme(oru::ZipDataStream::FindDataSource(zip->GetUniqueId() + "/readme.txt"));
   oru::LineReader reader(&readme, 0);
   while (reader.ReadLine()) std::cout << "  readme: " << reader.GetString() << "\n";
 
   // 5. A sparse source: 1 MiB announced, two ranges loaded so far.
+  stage.emplace("sparse reads");
   auto sparse = oru::SparseDataSource::Create(1 << 20);
   auto head = sparse->AddSection(0, 16);
   std::memcpy(sparse->GetSection(head).data, "HEADER-LOADED...", 16);
@@ -218,10 +236,17 @@ int main(int argc, char** argv) {
     }
   }
   int status = 0;
+  const std::string stages =
+      (std::filesystem::temp_directory_path() / "oru_demo_stages.json").string();
+  const bool recording = oru::apitrace::StartCapture(stages);
   {
     // Traces the whole run; the file is complete when the object goes away.
     oru::HeapTrace trace(traceFile);
     status = RunDemo(fresh);
+  }
+  oru::apitrace::StopCapture();
+  if (recording) {
+    std::cout << "stages recorded in " << stages << " (open it in ui.perfetto.dev)\n";
   }
   if (!traceFile.empty()) {
     std::cout << "heap trace written to " << traceFile

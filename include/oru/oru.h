@@ -9,6 +9,7 @@
 #include "oru/export.h"
 #include "oru/make_shared_enabler.h"
 #include "oru/string_span.h"
+#include "oru/toolchain.h"
 
 #include "oru/compressed_data_source.h"
 #include "oru/data_source.h"
@@ -21,17 +22,29 @@
 #include "oru/zip_writer.h"
 #include "oru/zipper.h"
 
-#include "oru/data_cache.h"
-#include "oru/encoding.h"
+#include "oru/file_spec.h"
 #include "oru/file_system.h"
-#include "oru/flag_set.h"
-#include "oru/heap_trace.h"
-#include "oru/json_formatter.h"
-#include "oru/memory.h"
+#include "oru/shared_lib.h"
+#include "oru/url.h"
+
+#include "oru/data_cache.h"
+
 #include "oru/performance_counter.h"
 #include "oru/remote_call.h"
+#include "oru/task.h"
+
+#include "oru/encoding.h"
+#include "oru/json_formatter.h"
 #include "oru/sha1.h"
 #include "oru/simplified_regex.h"
-#include "oru/stack_walker.h"
 #include "oru/symbol.h"
-#include "oru/task.h"
+
+#include "oru/api_trace.h"
+#include "oru/debugging_console.h"
+#include "oru/heap_trace.h"
+#include "oru/memory.h"
+#include "oru/stack_walker.h"
+#include "oru/static_container.h"
+
+#include "oru/flag_set.h"
+#include "oru/user_data.h"

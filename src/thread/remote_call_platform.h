@@ -13,7 +13,8 @@ void PumpThreadMessages();
 // every other thread has been stopped, and tearing down what they waited on
 // (joining them, destroying their condition variables) never ends.
 bool JoinThreadsAtExit();
-// The operating system's id of the calling thread.
+// The operating system's id of the calling thread, and of the process.
 uint64_t CurrentThreadId();
+uint64_t CurrentProcessId();
 
 }  // namespace oru::detail

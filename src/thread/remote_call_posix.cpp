@@ -16,4 +16,8 @@ uint64_t CurrentThreadId() {
   return static_cast<uint64_t>(syscall(SYS_gettid));
 }
 
+uint64_t CurrentProcessId() {
+  return static_cast<uint64_t>(getpid());
+}
+
 }  // namespace oru::detail

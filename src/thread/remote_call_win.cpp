@@ -24,4 +24,8 @@ uint64_t CurrentThreadId() {
   return static_cast<uint64_t>(GetCurrentThreadId());
 }
 
+uint64_t CurrentProcessId() {
+  return static_cast<uint64_t>(GetCurrentProcessId());
+}
+
 }  // namespace oru::detail
