@@ -20,6 +20,9 @@ std::string Joined(const std::vector<std::string>& parts) {
 }
 
 TEST(FileSpec, AgreesWithStdFilesystemOnPosixPaths) {
+#ifdef _WIN32
+  GTEST_SKIP() << "std::filesystem reads paths the Windows way here";
+#endif
   const char* parts[] = {"a", "b.c", ".d", "e.", "..", ".", "f.tar.gz", "\xC3\xA9", ""};
   std::mt19937 rng(7);
   for (int round = 0; round < 600; ++round) {

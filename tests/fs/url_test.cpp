@@ -181,7 +181,12 @@ TEST(URIEscape, RoundTripsEveryByteAndLeavesBadSequences) {
 
 TEST(FileURLs, LeadBackToTheirFilesAndMembers) {
   test::TempDir dir;
-  for (const char* name : {"plain.bin", "a b%20c#d?e.txt", "\xC3\xA9t\xC3\xA9.glb"}) {
+#ifdef _WIN32
+  const char* odd = "a b%20c#d.txt";  // no '?' in Windows names
+#else
+  const char* odd = "a b%20c#d?e.txt";
+#endif
+  for (const char* name : {"plain.bin", odd, "\xC3\xA9t\xC3\xA9.glb"}) {
     const std::string path = dir.File(name);
     test::WriteFile(path, name);
     const std::string url = GetURLForFileSource(path);
