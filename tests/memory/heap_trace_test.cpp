@@ -111,7 +111,6 @@ struct Trace {
     uint64_t size;
     uint64_t stack;
   };
-  std::vector<std::string> lines;
   std::vector<std::string> strings{""};                      // from 1
   std::vector<Frame> instructions{Frame{}};                  // from 1
   std::vector<std::pair<uint64_t, uint64_t>> nodes{{0, 0}};  // from 1: instruction, parent
@@ -123,8 +122,8 @@ struct Trace {
 
   explicit Trace(const std::string& path) {
     std::istringstream in(test::ReadFile(path));
+    std::set<uint64_t> described;
     for (std::string line; std::getline(in, line);) {
-      lines.push_back(line);
       const char kind = line.empty() ? '?' : line[0];
       // The numbers of the record, written back as they must be written:
       // bare lower-case hex.
@@ -140,7 +139,8 @@ struct Trace {
       f.resize(5);
       if (kind == 's') {
         strings.push_back(line.substr(2));
-      } else if (kind == 'i') {  // address, module, function, file, line
+      } else if (kind == 'i') {  // address, module, function, file, line: once per address
+        EXPECT_TRUE(described.insert(f[0]).second) << line;
         EXPECT_TRUE(f[1] < strings.size() && f[2] < strings.size() && f[3] < strings.size())
             << line;
         instructions.push_back(Frame{strings.at(f[2]), strings.at(f[3]), strings.at(f[1]), f[4]});
@@ -260,11 +260,6 @@ TEST_F(HeapTraceTest, RecordsOfAllocationsAndReleases) {
   const auto releaser = t.Stack(t.frees[0][2]);
   ASSERT_FALSE(releaser.empty());
   EXPECT_TRUE(Contains(releaser[0].function, "Release")) << releaser[0].function;
-  // One description record per distinct address.
-  std::set<std::string> described;
-  for (const std::string& line : t.lines) {
-    if (line[0] == 'i') EXPECT_TRUE(described.insert(line.substr(0, line.find(' ', 2))).second);
-  }
   // A clock record before every event, the comments included, in
   // wall-clock microseconds.
   EXPECT_EQ(10u, t.clocks.size());
