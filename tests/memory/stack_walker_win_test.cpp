@@ -101,11 +101,8 @@ class ProgramFiles {
 public:
   ProgramFiles() : m_env(PROGRAM_FILES_VARIABLE, m_dir.path().string()) {}
 
-  void Place(const char* folder, const std::string& source) {
-    fs::create_directories(m_dir.path() / folder);
-    fs::copy_file(source, m_dir.path() / folder / "dbghelp.dll");
-  }
-  void PlaceBytes(const char* folder, const std::string& bytes) {
+  // Places a dbghelp.dll of the given contents in an installation folder.
+  void Place(const char* folder, const std::string& bytes) {
     fs::create_directories(m_dir.path() / folder);
     test::WriteFile((m_dir.path() / folder / "dbghelp.dll").string(), bytes);
   }
@@ -157,48 +154,31 @@ private:
 
 // Constructs a walker in a fresh run of this program (the test below); true
 // when it behaved as `expected` says.
-bool ConstructInChild(const std::string& expected,
-                      const char* childTest = "StackWalkerWin.DISABLED_ConstructInChild") {
+bool ConstructInChild(const std::string& expected) {
   ScopedEnv expect(EXPECT_VARIABLE, expected);
-  test::ChildProcess child(childTest);
+  test::ChildProcess child("StackWalkerWin.DISABLED_ConstructInChild");
   return child.WaitFor(300) == 0;
 }
 
-// The child side: takes over the parent's %ProgramFiles%, if it set one.
-void UseParentsProgramFiles() {
-  const std::string programFiles = test::GetEnv(PROGRAM_FILES_VARIABLE);
-  if (!programFiles.empty()) test::SetEnv("ProgramFiles", programFiles);
-}
-
+// The child side: takes over the parent's %ProgramFiles%, if it set one. A
+// copy rejected for want of the Sym* functions must have been released: the
+// loader would otherwise hand it out again for the plain name
+// "dbghelp.dll", to the walker made next, which takes the system's copy.
 TEST(StackWalkerWin, DISABLED_ConstructInChild) {
   const std::string expected = test::GetEnv(EXPECT_VARIABLE);
   if (expected.empty()) GTEST_SKIP() << "runs only as a child of the dbghelp selection tests";
-  UseParentsProgramFiles();
-  if (expected == "works") {
-    StackWalker walker;
-    EXPECT_THAT(walker.FunctionForAddress(KernelExport()), HasSubstr("CreateFile"));
-    return;
+  const std::string programFiles = test::GetEnv(PROGRAM_FILES_VARIABLE);
+  if (!programFiles.empty()) test::SetEnv("ProgramFiles", programFiles);
+  if (expected != "works") {
+    try {
+      StackWalker walker;
+      ADD_FAILURE() << "the walker was made; expected: " << expected;
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(std::string(e.what()), expected);
+    }
+    if (expected != FAILED_TO_LOAD_SYMBOLS) return;
+    test::SetEnv("ProgramFiles", "");  // from now on the system's copy
   }
-  try {
-    StackWalker walker;
-    ADD_FAILURE() << "the walker was made; expected: " << expected;
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), expected);
-  }
-}
-
-// A rejected copy must be released: the loader would otherwise hand it out
-// again for the plain name "dbghelp.dll".
-TEST(StackWalkerWin, DISABLED_RejectedCopyIsReleased) {
-  if (test::GetEnv(EXPECT_VARIABLE).empty()) GTEST_SKIP() << "runs only as a child";
-  UseParentsProgramFiles();
-  try {
-    StackWalker walker;
-    ADD_FAILURE() << "the copy without Sym* functions was accepted";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), FAILED_TO_LOAD_SYMBOLS);
-  }
-  test::SetEnv("ProgramFiles", "");  // from now on the system's copy
   StackWalker walker;
   EXPECT_THAT(walker.FunctionForAddress(KernelExport()), HasSubstr("CreateFile"));
 }
@@ -206,22 +186,33 @@ TEST(StackWalkerWin, DISABLED_RejectedCopyIsReleased) {
 class StackWalkerSelection : public ::testing::Test {
 protected:
   void SetUp() override {
-    m_fake = DllWithoutSymbolFunctions();
-    m_real = SystemDbgHelp();
-    ASSERT_TRUE(fs::exists(m_fake)) << m_fake;
-    ASSERT_TRUE(fs::exists(m_real)) << m_real;
+    for (const std::string& path : {DllWithoutSymbolFunctions(), SystemDbgHelp()}) {
+      ASSERT_TRUE(fs::exists(path)) << path;
+    }
+    m_fake = test::ReadFile(DllWithoutSymbolFunctions());
+    m_real = test::ReadFile(SystemDbgHelp());
   }
 
   WineDbgHelpOrder m_order{"native,builtin"};
-  std::string m_fake;  // loads, but has no Sym* functions
+  std::string m_fake;  // a DLL that loads, but has no Sym* functions
   std::string m_real;  // a working dbghelp.dll
 };
 
-TEST_F(StackWalkerSelection, InstalledCopyIsPreferredUnlessTheProgramIsRedirected) {
-  ProgramFiles programFiles;
-  programFiles.Place(FOLDERS[0], m_fake);
-  EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS))
-      << "the installed copy was not the one loaded";
+TEST_F(StackWalkerSelection, FirstInstalledCopyIsLoadedUnlessTheProgramIsRedirected) {
+  // What the installation folders hold, in the order they are tried: 'f' the
+  // copy without Sym* functions, 'r' a working copy, '-' nothing.
+  const std::pair<const char*, const char*> cases[] = {
+      {"f--", FAILED_TO_LOAD_SYMBOLS}, {"-f-", FAILED_TO_LOAD_SYMBOLS},
+      {"--f", FAILED_TO_LOAD_SYMBOLS}, {"rf-", "works"},
+      {"-fr", FAILED_TO_LOAD_SYMBOLS},
+  };
+  for (const auto& [folders, expected] : cases) {
+    ProgramFiles programFiles;
+    for (int i = 0; i < 3; ++i) {
+      if (folders[i] != '-') programFiles.Place(FOLDERS[i], folders[i] == 'f' ? m_fake : m_real);
+    }
+    EXPECT_TRUE(ConstructInChild(expected)) << folders;
+  }
 
   const std::string local = ModulePath(nullptr) + ".local";
   if (fs::exists(local)) GTEST_SKIP() << local << " exists already; not touching it";
@@ -230,31 +221,10 @@ TEST_F(StackWalkerSelection, InstalledCopyIsPreferredUnlessTheProgramIsRedirecte
     ~Remove() { DeleteFileA(path.c_str()); }
   } remove{local};
   test::WriteFile(local, "");
+  ProgramFiles programFiles;
+  programFiles.Place(FOLDERS[0], m_fake);
   EXPECT_TRUE(ConstructInChild("works"))
       << "with " << local << " the installed copy must not be searched";
-}
-
-TEST_F(StackWalkerSelection, EachInstallationFolderIsSearched) {
-  for (const char* folder : FOLDERS) {
-    ProgramFiles programFiles;
-    programFiles.Place(folder, m_fake);
-    EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS)) << folder;
-  }
-}
-
-TEST_F(StackWalkerSelection, FirstFolderHoldingACopyWins) {
-  {
-    ProgramFiles programFiles;
-    programFiles.Place(FOLDERS[0], m_real);
-    programFiles.Place(FOLDERS[1], m_fake);
-    EXPECT_TRUE(ConstructInChild("works")) << FOLDERS[0] << " first";
-  }
-  {
-    ProgramFiles programFiles;
-    programFiles.Place(FOLDERS[1], m_fake);
-    programFiles.Place(FOLDERS[2], m_real);
-    EXPECT_TRUE(ConstructInChild(FAILED_TO_LOAD_SYMBOLS)) << FOLDERS[1] << " before " << FOLDERS[2];
-  }
 }
 
 // A candidate that exists but does not load ends the search too: the
@@ -265,15 +235,9 @@ TEST_F(StackWalkerSelection, UnloadableCandidateFallsBackToTheSystemCopy) {
                     "fallback cannot be told apart";
   }
   ProgramFiles programFiles;
-  programFiles.PlaceBytes(FOLDERS[0], "not a DLL");
+  programFiles.Place(FOLDERS[0], "not a DLL");
   programFiles.Place(FOLDERS[1], m_fake);
   EXPECT_TRUE(ConstructInChild("works"));
-}
-
-TEST_F(StackWalkerSelection, RejectedCopyIsReleased) {
-  ProgramFiles programFiles;
-  programFiles.Place(FOLDERS[0], m_fake);
-  EXPECT_TRUE(ConstructInChild("child", "StackWalkerWin.DISABLED_RejectedCopyIsReleased"));
 }
 
 TEST(StackWalkerWin, NoLoadableDbgHelpIsReported) {
@@ -285,20 +249,11 @@ TEST(StackWalkerWin, NoLoadableDbgHelpIsReported) {
 }
 
 // Tool Help (or psapi) finds the system modules at construction, and their
-// export tables give names.
-TEST(StackWalkerWin, SystemModulesAreDescribed) {
-  StackWalker walker;
-  void* address = KernelExport();
-  EXPECT_THAT(walker.FunctionForAddress(address), HasSubstr("CreateFile"));
-  std::string module = walker.ModuleForAddress(address);
-  for (char& c : module) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  EXPECT_EQ(module, "kernel32");
-}
-
-// Code built by GCC or Clang carries Itanium names. Where dbghelp knows a
-// function only from the export table (here a stripped DLL; on Windows any
-// code without a PDB), the name comes back demangled.
-TEST(StackWalkerWin, ExportedItaniumNamesAreDemangled) {
+// export tables give names. Code built by GCC or Clang carries Itanium
+// names: where dbghelp knows a function only from the export table (here a
+// stripped DLL; on Windows any code without a PDB), the name comes back
+// demangled. Lookups report their failures through GetLastError.
+TEST(StackWalkerWin, ModulesAndExportedNamesAreDescribed) {
   const HMODULE plain = LoadLibraryA(DllWithoutSymbolFunctions().c_str());
   ASSERT_NE(plain, nullptr) << DllWithoutSymbolFunctions();
   void* probe = reinterpret_cast<void*>(GetProcAddress(plain, "_ZN3oru4test10PlainProbeEi"));
@@ -307,24 +262,24 @@ TEST(StackWalkerWin, ExportedItaniumNamesAreDemangled) {
     StackWalker walker;  // after the load: modules are taken in at construction
     EXPECT_EQ(walker.FunctionForAddress(probe), "oru::test::PlainProbe(int)");
     EXPECT_EQ(walker.ModuleForAddress(probe), "oru_test_plain");
+    EXPECT_THAT(walker.FunctionForAddress(KernelExport()), HasSubstr("CreateFile"));
+    std::string module = walker.ModuleForAddress(KernelExport());
+    for (char& c : module) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    EXPECT_EQ(module, "kernel32");
+
+    void* nowhere = reinterpret_cast<void*>(0x10);
+    SetLastError(ERROR_SUCCESS);
+    const std::string function = walker.FunctionForAddress(nowhere);
+    const DWORD functionError = GetLastError();
+    SetLastError(ERROR_SUCCESS);
+    const std::string unknownModule = walker.ModuleForAddress(nowhere);
+    const DWORD moduleError = GetLastError();
+    EXPECT_EQ(function, "");
+    EXPECT_NE(functionError, static_cast<DWORD>(ERROR_SUCCESS)) << "dbghelp's reason is kept";
+    EXPECT_EQ(unknownModule, "");
+    EXPECT_EQ(moduleError, static_cast<DWORD>(ERROR_DLL_INIT_FAILED));
   }
   FreeLibrary(plain);
-}
-
-// The lookups report their failures through GetLastError.
-TEST(StackWalkerWin, UnknownAddressSetsLastError) {
-  StackWalker walker;
-  void* nowhere = reinterpret_cast<void*>(0x10);
-  SetLastError(ERROR_SUCCESS);
-  const std::string function = walker.FunctionForAddress(nowhere);
-  const DWORD functionError = GetLastError();
-  SetLastError(ERROR_SUCCESS);
-  const std::string module = walker.ModuleForAddress(nowhere);
-  const DWORD moduleError = GetLastError();
-  EXPECT_EQ(function, "");
-  EXPECT_NE(functionError, static_cast<DWORD>(ERROR_SUCCESS)) << "dbghelp's reason is kept";
-  EXPECT_EQ(module, "");
-  EXPECT_EQ(moduleError, static_cast<DWORD>(ERROR_DLL_INIT_FAILED));
 }
 
 }  // namespace
