@@ -4,6 +4,8 @@
 // both ways, and each must go back to the allocator that made it. Exits 0
 // when they do; a block released by the wrong allocator aborts.
 #include <oru/data_source.h>
+#include <oru/data_stream.h>
+#include <oru/line_reader.h>
 #include <oru/memory.h>
 #include <oru/sha1.h>
 
@@ -18,21 +20,24 @@
 namespace {
 
 constexpr std::size_t HEADER = 16;
+// Blocks of new and of new[] are marked apart: each must come back through
+// the matching delete.
 constexpr uint64_t MAGIC = 0x74736f685f75726fu;
+constexpr uint64_t ARRAY_MAGIC = MAGIC + 1;
 
-void* HostAllocate(std::size_t size) {
+void* HostAllocate(std::size_t size, uint64_t mark = MAGIC) {
   auto* raw = static_cast<unsigned char*>(std::malloc(size + HEADER));
   if (raw == nullptr) throw std::bad_alloc();
-  std::memcpy(raw, &MAGIC, sizeof MAGIC);
+  std::memcpy(raw, &mark, sizeof mark);
   return raw + HEADER;
 }
 
-void HostRelease(void* p) noexcept {
+void HostRelease(void* p, uint64_t mark = MAGIC) noexcept {
   if (p == nullptr) return;
   unsigned char* raw = static_cast<unsigned char*>(p) - HEADER;
   uint64_t magic;
   std::memcpy(&magic, raw, sizeof magic);
-  if (magic != MAGIC) {
+  if (magic != mark) {
     std::fputs("a block this program did not allocate came back to it\n", stderr);
     std::abort();
   }
@@ -51,19 +56,19 @@ void* operator new(std::size_t size) {
   return HostAllocate(size);
 }
 void* operator new[](std::size_t size) {
-  return HostAllocate(size);
+  return HostAllocate(size, ARRAY_MAGIC);
 }
 void operator delete(void* p) noexcept {
   HostRelease(p);
 }
 void operator delete[](void* p) noexcept {
-  HostRelease(p);
+  HostRelease(p, ARRAY_MAGIC);
 }
 void operator delete(void* p, std::size_t) noexcept {
   HostRelease(p);
 }
 void operator delete[](void* p, std::size_t) noexcept {
-  HostRelease(p);
+  HostRelease(p, ARRAY_MAGIC);
 }
 
 int main() {
@@ -74,6 +79,13 @@ int main() {
     auto text = oru::InMemoryDataSource::Create(std::string(4096, 't'), false);
     auto bytes = oru::InMemoryDataSource::Create(std::vector<char>(4096, 'v'), false);
     if (text->GetFileSize() != 4096 || bytes->GetFileSize() != 4096) return Fail("sizes");
+  }
+  {
+    // The library's own new[] and delete[] (the line reader's buffers) go
+    // to this program's array operators.
+    oru::DataStream in(oru::InMemoryDataSource::Create(std::string("one\ntwo\n"), false));
+    oru::LineReader lines(&in, 0);
+    if (!lines.ReadLine() || lines.GetString() != "one") return Fail("lines");
   }
   // The library's blocks, released here.
   std::string digest = oru::Sha1FromString("abc");
