@@ -14,6 +14,7 @@
 #include <iomanip>
 #include <limits>
 #include <map>
+#include <ostream>
 #include <random>
 #include <sstream>
 #include <string>
@@ -23,10 +24,20 @@
 namespace oru::test {
 namespace {
 
+// The stream is set up to print numbers its own way: the formatter must
+// neither use nor change those settings.
+void Prepare(std::ostream& out) {
+  out << std::hex << std::showpos << std::scientific << std::setprecision(2);
+}
+
 std::string Json(unsigned indentStep, const std::function<void(JsonFormatter&)>& calls) {
   std::ostringstream out;
+  Prepare(out);
+  const auto flags = out.flags();
   JsonFormatter json(out, indentStep);
   calls(json);
+  EXPECT_EQ(out.flags(), flags);
+  EXPECT_EQ(out.precision(), 2);
   return out.str();
 }
 
@@ -56,78 +67,60 @@ std::string Json(unsigned indentStep, const std::string& script) {
 }
 
 TEST(JsonFormatterTest, Layout) {
-  EXPECT_EQ(Json(0, "{a:1}"), R"({"a":1})");
-  EXPECT_EQ(Json(2, "{a:1}"), "{\n  \"a\" : 1\n}");
-  EXPECT_EQ(Json(0, "{a:[1,2],b:{},c:[]}"), R"({"a":[1,2],"b":{},"c":[]})");
-  // A bracket closed right after an empty compound stays on its line.
-  EXPECT_EQ(Json(2, "{a:[1,2],b:{},c:[]}"),
-            "{\n  \"a\" : [\n    1,\n    2\n  ],\n  \"b\" : {},\n  \"c\" : []}");
-  EXPECT_EQ(Json(2, "[]"), "[]");
+  const struct {
+    unsigned indent;
+    const char *script, *text;
+  } cases[] = {
+      {0, "{a:1}", R"({"a":1})"},
+      {2, "{a:1}", "{\n  \"a\" : 1\n}"},
+      {0, "{a:[1,2],b:{},c:[]}", R"({"a":[1,2],"b":{},"c":[]})"},
+      // A bracket closed right after an empty compound stays on its line.
+      {2, "{a:[1,2],b:{},c:[]}",
+       "{\n  \"a\" : [\n    1,\n    2\n  ],\n  \"b\" : {},\n  \"c\" : []}"},
+      {2, "[]", "[]"},
+      // Closing more than was opened stays at column 0.
+      {2, "}][T]", "\n}\n][\n  true\n]"},
+      // Compact mode: items two spaces apart, and a line break due when it
+      // starts is written first; nothing changes without indentation.
+      {2, "{a:C[1,2]P,b:N}", "{\n  \"a\" : [ 1,  2 ],\n  \"b\" : null\n}"},
+      {0, "{a:C[1,2]P,b:N}", R"({"a":[1,2],"b":null})"},
+      {2, "[C1,2P]", "[\n  1,  2\n]"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Json(c.indent, c.script), c.text) << c.script;
   // Indentation deeper than one run of spaces.
   EXPECT_EQ(Json(150, "[[N"),
             "[\n" + std::string(150, ' ') + "[\n" + std::string(300, ' ') + "null");
-  // Closing more than was opened stays at column 0.
-  EXPECT_EQ(Json(2, "}][T]"), "\n}\n][\n  true\n]");
-}
-
-TEST(JsonFormatterTest, CompactModeInsidePrettyOutput) {
-  EXPECT_EQ(Json(2, "{a:C[1,2]P,b:N}"), "{\n  \"a\" : [ 1,  2 ],\n  \"b\" : null\n}");
-  EXPECT_EQ(Json(0, "{a:C[1,2]P,b:N}"), R"({"a":[1,2],"b":null})");
-  // A line break due when compact mode starts is written first.
-  EXPECT_EQ(Json(2, "[C1,2P]"), "[\n  1,  2\n]");
   std::ostringstream out;
   JsonFormatter json(out, 2);
   EXPECT_FALSE(json.SetCompactPrettyPrint(true));
-  EXPECT_TRUE(json.SetCompactPrettyPrint(true));
   EXPECT_TRUE(json.SetCompactPrettyPrint(false));
-  EXPECT_FALSE(json.SetCompactPrettyPrint(false));
 }
 
-TEST(JsonFormatterTest, NumbersAndLiterals) {
-  auto text = [](auto value) { return Json(0, [&](auto& j) { j.FormatFloating(value); }); };
+TEST(JsonFormatterTest, NumbersLiteralsAndPointers) {
   const double inf = std::numeric_limits<double>::infinity();
-  EXPECT_EQ(text(0.0), "0.0");
-  EXPECT_EQ(text(-0.0), "-0.0");
-  EXPECT_EQ(text(inf) + text(-inf) + text(std::nan("")), "nullnullnull");
-  EXPECT_EQ(text(2.0), "2.0");
-  EXPECT_EQ(text(-2.0), "-2.0");
-  EXPECT_EQ(text(0.1), "0.1");
-  EXPECT_EQ(text(1e20), "100000000000000000000.0");
-  EXPECT_EQ(text(1e-7), "0.0000001");
-  EXPECT_EQ(text(9.87654321e-8), "9.87654e-08");
-  EXPECT_EQ(text(-1.234567e-300), "-1.23457e-300");
-  EXPECT_EQ(text(0.1f), "0.10000000149011612");
-  EXPECT_EQ(text(std::numeric_limits<double>::max()).size(), 309u + 2u);
-
-  // The caller's stream settings neither apply nor change.
-  std::ostringstream out;
-  out << std::hex << std::showpos << std::scientific << std::setprecision(2);
-  JsonFormatter json(out, 0);
-  json.FormatFloating(0.5), json.ItemSeparator(), json.FormatSigned(-255);
-  json.ItemSeparator(), json.FormatUnsigned(255);
-  EXPECT_EQ(out.str(), "0.5,-255,255");
-  EXPECT_EQ(out.precision(), 2);
-  EXPECT_EQ(out.flags(),
-            std::ios::hex | std::ios::showpos | std::ios::scientific | std::ios::skipws);
-
   EXPECT_EQ(Json(0,
-                 [](auto& j) {
-                   j.FormatSigned(INT64_MIN), j.FormatSigned(INT64_MAX);
-                   j.FormatUnsigned(UINT64_MAX), j.FormatUnsigned(0);
-                   j.FormatBoolean(false), j.FormatNull();
+                 [&](auto& j) {
+                   for (double v : {0.0, -0.0, inf, -inf, std::nan(""), 2.0, -2.0, 0.1, 1e20, 1e-7,
+                                    9.87654321e-8, -1.234567e-300, 0.5})
+                     j.FormatFloating(v), j.ItemSeparator();
+                   j.FormatFloating(0.1f), j.ItemSeparator(), j.FormatSigned(INT64_MIN);
+                   j.FormatSigned(INT64_MAX), j.FormatSigned(-255), j.FormatUnsigned(0);
+                   j.FormatUnsigned(UINT64_MAX), j.FormatBoolean(false), j.FormatNull();
                  }),
-            "-9223372036854775808922337203685477580718446744073709551615"
-            "0falsenull");
-
+            "0.0,-0.0,null,null,null,2.0,-2.0,0.1,100000000000000000000.0,0.0000001,"
+            "9.87654e-08,-1.23457e-300,0.5,0.10000000149011612,-9223372036854775808"
+            "9223372036854775807-255018446744073709551615falsenull");
+  EXPECT_EQ(Json(0, [](auto& j) { j.FormatFloating(DBL_MAX); }).size(), 309u + 2u);
   int x = 0;
   for (const void* p : {static_cast<const void*>(&x), static_cast<const void*>(nullptr)}) {
     std::ostringstream ref;
+    Prepare(ref);
     ref << p;
     EXPECT_EQ(Json(0, [&](auto& j) { j.FormatPointer(p); }), "\"" + ref.str() + "\"");
   }
 }
 
-TEST(JsonFormatterTest, StringEscapes) {
+TEST(JsonFormatterTest, StringsPathsAndSymbols) {
   auto text = [](std::string s) { return Json(0, [&](auto& j) { j.FormatString(s); }); };
   EXPECT_EQ(text(std::string("\"\\\b\f\n\r\t\x01\x1f\0/\x7f \xC3\xA9", 15)),
             R"("\"\\\b\f\n\r\t\u0001\u001f\u0000/)"
@@ -138,17 +131,18 @@ TEST(JsonFormatterTest, StringEscapes) {
     const std::string run(n, 'x');
     EXPECT_EQ(text(run + "\x02" + run), "\"" + run + "\\u0002" + run + "\"") << n;
   }
-}
-
-TEST(JsonFormatterTest, PathsAreUtf8) {
-  // "dir/grüß/€ 😀.txt"
+  // Paths as UTF-8 ("dir/grüß/€ 😀.txt"), symbols as their text.
   const std::string utf8 = "dir/gr\xC3\xBC\xC3\x9F/\xE2\x82\xAC \xF0\x9F\x98\x80.txt";
   const std::filesystem::path path(std::u8string(utf8.begin(), utf8.end()));
   EXPECT_EQ(PathToString(path), utf8);
-  EXPECT_EQ(PathToString(std::filesystem::path()), "");
-  EXPECT_EQ(Json(2, [&](auto& j) { GenerateJson(j, path); }), "\"" + utf8 + "\"");
-  EXPECT_EQ(Json(0, [](auto& j) { GenerateJson(j, std::filesystem::path(u8"a\"b")); }),
-            R"("a\"b")");
+  EXPECT_EQ(Json(2,
+                 [&](auto& j) {
+                   j.StartArray(), GenerateJson(j, path), j.ItemSeparator();
+                   GenerateJson(j, std::filesystem::path(u8"a\"b")), j.ItemSeparator();
+                   GenerateJson(j, Symbol("a \"quoted\"\nname")), j.ItemSeparator();
+                   GenerateJson(j, Symbol()), j.FinishArray();
+                 }),
+            "[\n  \"" + utf8 + "\",\n  \"a\\\"b\",\n  \"a \\\"quoted\\\"\\nname\",\n  \"\"\n]");
 }
 
 // ---- a random document read back by Python ---------------------------------
@@ -307,20 +301,3 @@ TEST(JsonFormatterTest, RandomDocumentReadsBackInPython) {
 
 }  // namespace
 }  // namespace oru::test
-
-namespace oru {
-namespace {
-
-TEST(JsonFormatterSymbol, WritesTheSymbolsText) {
-  std::ostringstream out;
-  JsonFormatter json(out, 0);
-  json.StartArray();
-  GenerateJson(json, Symbol("a \"quoted\"\nname"));
-  json.ItemSeparator();
-  GenerateJson(json, Symbol());
-  json.FinishArray();
-  EXPECT_EQ("[\"a \\\"quoted\\\"\\nname\",\"\"]", out.str());
-}
-
-}  // namespace
-}  // namespace oru
