@@ -18,18 +18,12 @@ namespace {
 
 TEST(Symbol, EmptyTextsGiveTheEmptySymbol) {
   for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)),
-                          Symbol(std::string()), Symbol(BasicStringSpan<char const>()), Symbol()}) {
+                          Symbol(std::string()), Symbol(BasicStringSpan<char const>())}) {
     EXPECT_EQ(Symbol::EMPTY, s);
-    EXPECT_TRUE(s.empty());
-    EXPECT_EQ(0u, s.size());
-    EXPECT_EQ(0u, s.GetHash());
     EXPECT_STREQ("", s.c_str());
-    EXPECT_EQ(s.begin(), s.end());
-    EXPECT_TRUE(s == "");
-    EXPECT_TRUE(std::string() == s);
+    EXPECT_TRUE(s == "" && std::string() == s);
   }
   EXPECT_TRUE(DualSymbol::EMPTY.empty());
-  EXPECT_FALSE(DualSymbol(Symbol(), Symbol("x")).empty());
 }
 
 TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
@@ -43,50 +37,45 @@ TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
     EXPECT_EQ(a.data(), c.data());
     EXPECT_NE(static_cast<const void*>(text), a.data());
     EXPECT_EQ(before + 1, Symbol::GetInternedCount());
-    Symbol moved(std::move(b));
-    EXPECT_TRUE(b.empty());
-    Symbol copy = moved;
-    copy = copy;  // self-assignment keeps the reference
-    EXPECT_EQ(a, copy);
     EXPECT_NE(a, Symbol("interned-abd"));
     // Assigning a symbol's own text to it must not free it on the way.
-    copy = copy.c_str();
-    EXPECT_EQ("interned-abc", std::string(copy));
+    b = b.c_str();
+    c = BasicStringSpan<char const>(c.data(), c.size());
+    EXPECT_EQ("interned-abc", std::string(b));
+    EXPECT_EQ(a, c);
     a.clear();
     c = Symbol::EMPTY;
-    moved.Swap(a);
-    EXPECT_TRUE(moved.empty());
     EXPECT_EQ(before + 1, Symbol::GetInternedCount());
   }
   EXPECT_EQ(before, Symbol::GetInternedCount());
 }
 
-TEST(Symbol, HashIsFnv1a) {
+TEST(Symbol, HashIsFnv1aOverEveryByte) {
   EXPECT_EQ(0xAF63DC4C8601EC8Cull, Symbol("a").GetHash());
   EXPECT_EQ(0x85944171F73967E8ull, Symbol("foobar").GetHash());
   EXPECT_EQ(0xCBF29CE484222325ull, Symbol::Hash("", 0));
-  const std::string withNul("a\0b", 3);  // the hash runs over the bytes, NUL included
-  EXPECT_EQ(3u, Symbol(withNul).size());
-  EXPECT_NE(Symbol("a").GetHash(), Symbol(withNul).GetHash());
-  EXPECT_EQ(std::hash<Symbol>()(Symbol("a")), static_cast<size_t>(0xAF63DC4C8601EC8Cull));
+  const Symbol withNul(std::string("a\0b", 3));
+  EXPECT_EQ(3u, withNul.size());
+  EXPECT_NE(Symbol("a").GetHash(), withNul.GetHash());
 }
 
 TEST(Symbol, OrdersByUnsignedBytesShorterFirst) {
-  EXPECT_LT(Symbol("ab"), Symbol("abc"));
-  EXPECT_LT(Symbol("abc"), Symbol("abd"));
-  EXPECT_LT(Symbol(), Symbol("a"));
+  const std::pair<Symbol, Symbol> ordered[] = {{"ab", "abc"},
+                                               {"abc", "abd"},
+                                               {Symbol(), "a"},
+                                               {"z", "\x80"},  // 0x80 sorts after letters
+                                               {"a", Symbol(std::string("a\0", 2))}};
+  for (const auto& [a, b] : ordered) {
+    EXPECT_TRUE(a < b) << a;
+    EXPECT_FALSE(b < a) << a;
+  }
   EXPECT_FALSE(Symbol() < Symbol());
-  EXPECT_FALSE(Symbol("a") < Symbol());
   EXPECT_FALSE(Symbol("b") < Symbol("b"));
-  EXPECT_LT(Symbol("z"), Symbol("\x80"));  // unsigned: 0x80 sorts after letters
-  EXPECT_LT(Symbol("a\0"), Symbol(std::string("a\0", 2)));
 }
 
 TEST(Symbol, TextOperationsFollowStdString) {
   const Symbol s("path/to/file.tar.gz");
   const std::string t(s);
-  EXPECT_EQ(t.size(), s.length());
-  EXPECT_EQ('p', s[0]);
   for (char c : {'/', '.', 'z', 'q'}) {
     EXPECT_EQ(t.find(c), s.find(c)) << c;
     EXPECT_EQ(t.find(c, 5), s.find(c, 5)) << c;
@@ -98,28 +87,20 @@ TEST(Symbol, TextOperationsFollowStdString) {
   EXPECT_EQ(Symbol::npos, s.find(static_cast<const char*>(nullptr)));
   EXPECT_EQ(Symbol::npos, Symbol().find('a'));
   EXPECT_EQ("file", s.substr(8, 4));
-  EXPECT_EQ("gz", s.substr(17));
   EXPECT_EQ("", s.substr(s.size()));
   EXPECT_THROW(s.substr(s.size() + 1), std::out_of_range);
   EXPECT_TRUE(s == t && t == s && s == t.c_str() && t.c_str() == s);
-  EXPECT_FALSE(s == "path/to/file.tar.g");
-  BasicStringSpan<char const> span = s;
-  EXPECT_EQ(t.size(), span.size());
-}
+  EXPECT_FALSE(s == "path/to/file.tar.g" || s == static_cast<const char*>(nullptr));
 
-TEST(Symbol, PrintsAndReadsWords) {
   std::ostringstream out;
   out << Symbol("hello") << '|';
   Symbol("world").Print(out);
   EXPECT_EQ("hello|world", out.str());
-  std::istringstream in("  first second");
-  Symbol s;
-  s.Read(in);
-  EXPECT_EQ(Symbol("first"), s);
-  s.Read(in);
-  EXPECT_EQ(Symbol("second"), s);
-  s.Read(in);  // nothing left: unchanged
-  EXPECT_EQ(Symbol("second"), s);
+  std::istringstream in("  first");
+  Symbol word;
+  word.Read(in);
+  word.Read(in);  // nothing left: unchanged
+  EXPECT_EQ(Symbol("first"), word);
 }
 
 TEST(Symbol, TableSurvivesGrowthAndRemovalInAnyOrder) {
