@@ -4,10 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -31,27 +29,6 @@ void Start(std::function<void()> f, bool background) {
   std::make_shared<FunctionTask>(std::move(f))->Execute(background);
 }
 
-// A gate that tasks wait on until the test opens it.
-class Gate {
-public:
-  void Wait() {
-    std::unique_lock<std::mutex> lock(m_m);
-    m_cv.wait(lock, [this] { return m_open; });
-  }
-  void Open() {
-    {
-      std::lock_guard<std::mutex> lock(m_m);
-      m_open = true;
-    }
-    m_cv.notify_all();
-  }
-
-private:
-  std::mutex m_m;
-  std::condition_variable m_cv;
-  bool m_open = false;
-};
-
 bool WaitFor(const std::function<bool()>& done, std::chrono::seconds limit = 30s) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!done()) {
@@ -70,7 +47,6 @@ protected:
 };
 
 TEST_F(TaskPoolTest, DefaultsFollowTheHardware) {
-  EXPECT_EQ(pool, TaskPool::Get());
   const unsigned hw = std::thread::hardware_concurrency();
   EXPECT_EQ(hw > 1 ? hw - 1 : 1u, savedLimit);
   pool->SetMaxThreads(1);
@@ -79,21 +55,30 @@ TEST_F(TaskPoolTest, DefaultsFollowTheHardware) {
   EXPECT_EQ(3u, pool->GetBackgroundLimit());
 }
 
-TEST_F(TaskPoolTest, LimitZeroRunsTasksInline) {
+TEST_F(TaskPoolTest, LimitZeroRunsTasksInlineAndEveryTaskIsCounted) {
+  const uint64_t cumulative = Task::GetCumulativeTaskCount();
+  const uint64_t alive = Task::GetTotalTaskCount();
   pool->SetMaxThreads(0);
-  std::thread::id ranOn;
-  bool ran = false;
-  Start([&] { ran = true, ranOn = std::this_thread::get_id(); }, true);
-  EXPECT_TRUE(ran);
-  EXPECT_EQ(std::this_thread::get_id(), ranOn);
+  {
+    std::thread::id ranOn;
+    auto a = std::make_shared<FunctionTask>([&] { ranOn = std::this_thread::get_id(); });
+    FunctionTask b(*a);  // a copy is a task of its own
+    EXPECT_EQ(alive + 2, Task::GetTotalTaskCount());
+    a->Execute(true);
+    EXPECT_EQ(std::this_thread::get_id(), ranOn);
+    EXPECT_TRUE(a->IsBackground());
+  }
+  EXPECT_EQ(alive, Task::GetTotalTaskCount());
+  EXPECT_EQ(cumulative + 2, Task::GetCumulativeTaskCount());
 }
 
 TEST_F(TaskPoolTest, BackgroundTasksWaitWhileForegroundOnesStart) {
   pool->SetMaxThreads(4);  // background limit 2
   ASSERT_TRUE(WaitFor([&] { return pool->GetThreadCount() <= 4; }));
-  Gate gate;
+  std::promise<void> gate;
+  std::shared_future<void> open = gate.get_future().share();
   std::atomic<int> busy{0};
-  for (int i = 0; i < 3; ++i) Start([&] { ++busy, gate.Wait(); }, false);
+  for (int i = 0; i < 3; ++i) Start([&busy, open] { ++busy, open.wait(); }, false);
   ASSERT_TRUE(WaitFor([&] { return busy == 3; }));
 
   std::atomic<bool> backgroundRan{false};
@@ -105,41 +90,26 @@ TEST_F(TaskPoolTest, BackgroundTasksWaitWhileForegroundOnesStart) {
   EXPECT_EQ(std::future_status::ready, foreground.get_future().wait_for(30s));
   EXPECT_FALSE(backgroundRan);
 
-  gate.Open();
+  gate.set_value();
   EXPECT_TRUE(WaitFor([&] { return backgroundRan.load(); }));
   EXPECT_TRUE(WaitFor([&] { return pool->GetWaitingTaskCount() == 0; }));
 }
 
 TEST_F(TaskPoolTest, LoweringTheLimitRetiresThreads) {
   pool->SetMaxThreads(4);
-  Gate gate;
+  std::promise<void> gate;
+  std::shared_future<void> open = gate.get_future().share();
   std::atomic<int> busy{0};
-  for (int i = 0; i < 4; ++i) Start([&] { ++busy, gate.Wait(); }, false);
+  for (int i = 0; i < 4; ++i) Start([&busy, open] { ++busy, open.wait(); }, false);
   ASSERT_TRUE(WaitFor([&] { return busy == 4; }));
   EXPECT_EQ(4u, pool->GetThreadCount());
   pool->SetMaxThreads(1);  // busy threads go when their tasks end
   EXPECT_EQ(4u, pool->GetThreadCount());
-  gate.Open();
+  gate.set_value();
   EXPECT_TRUE(WaitFor([&] { return pool->GetThreadCount() == 1; }));
   std::promise<void> after;
   Start([&] { after.set_value(); }, true);
   EXPECT_EQ(std::future_status::ready, after.get_future().wait_for(30s));
-}
-
-TEST_F(TaskPoolTest, CountsTasks) {
-  const uint64_t cumulative = Task::GetCumulativeTaskCount();
-  const uint64_t alive = Task::GetTotalTaskCount();
-  {
-    auto a = std::make_shared<FunctionTask>([] {});
-    FunctionTask b(*a);  // a copy is a task of its own
-    EXPECT_EQ(alive + 2, Task::GetTotalTaskCount());
-    EXPECT_FALSE(a->IsBackground());
-    pool->SetMaxThreads(0);
-    a->Execute(true);
-    EXPECT_TRUE(a->IsBackground());
-  }
-  EXPECT_EQ(alive, Task::GetTotalTaskCount());
-  EXPECT_EQ(cumulative + 2, Task::GetCumulativeTaskCount());
 }
 
 TEST_F(TaskPoolTest, AMillionTasksRunExactlyOnce) {
