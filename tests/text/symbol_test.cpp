@@ -40,9 +40,9 @@ TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
     EXPECT_NE(a, Symbol("interned-abd"));
     // Assigning a symbol's own text to it must not free it on the way.
     b = b.c_str();
-    c = BasicStringSpan<char const>(c.data(), c.size());
     EXPECT_EQ("interned-abc", std::string(b));
-    EXPECT_EQ(a, c);
+    c = BasicStringSpan<char const>(text, 11);
+    EXPECT_EQ("interned-ab", std::string(c));
     a.clear();
     c = Symbol::EMPTY;
     EXPECT_EQ(before + 1, Symbol::GetInternedCount());
