@@ -286,6 +286,7 @@ TEST(JsonFormatterTest, RandomDocumentReadsBackInPython) {
   WriteFile(dir.File("read_back.py"), READ_BACK);
   for (unsigned indentStep : {0u, 3u}) {
     std::ostringstream out;
+    Prepare(out);
     JsonFormatter json(out, indentStep);
     RandomDocument doc(json, indentStep != 0);
     EXPECT_EQ(out.str().find('\n') == std::string::npos, indentStep == 0);
