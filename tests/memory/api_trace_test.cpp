@@ -48,7 +48,7 @@ TEST(ApiTrace, NestedRangesFromSeveralThreads) {
   EXPECT_EQ(text.find("before"), std::string::npos);
   EXPECT_EQ(text.find("still-open"), std::string::npos);
   if (!test::HaveTool("python3")) GTEST_SKIP() << "needs python3 to read the trace";
-  test::WriteFile(dir.File("check.py"), R"(import json, sys
+  EXPECT_EQ(test::RunPython(R"(import json, sys
 events = json.load(open(sys.argv[1]))['traceEvents']
 names = sorted({e['name'] for e in events})
 assert names == ['even', 'last', 'odd'], names
@@ -68,8 +68,9 @@ for tid, evs in threads.items():
             assert p['ts'] <= e['ts'] and e['ts'] + e['dur'] <= p['ts'] + p['dur'], (p, e)
         open_.append(e)
 assert len(events) == 3 * 127 + 1, len(events)
-)");
-  EXPECT_EQ(test::Run("python3 '" + dir.File("check.py") + "' '" + path + "'"), 0);
+)",
+                            {path}),
+            0);
 }
 
 }  // namespace

@@ -58,14 +58,8 @@ TEST(StaticContainer, DISABLED_ChildExitsWithoutDestroyAll) {
 
 TEST(StaticContainer, DestroysAtExitWhenTheHostNeverDoes) {
   test::TempDir tmp;
-  test::SetEnv("ORU_STATIC_LOG", tmp.File("log"));
-  int status;
-  {
-    test::ChildProcess child("StaticContainer.DISABLED_ChildExitsWithoutDestroyAll");
-    status = child.Wait();
-  }
-  test::SetEnv("ORU_STATIC_LOG", "");
-  EXPECT_EQ(status, 0);
+  test::ScopedEnv log("ORU_STATIC_LOG", tmp.File("log"));
+  EXPECT_EQ(test::ChildProcess("StaticContainer.DISABLED_ChildExitsWithoutDestroyAll").Wait(), 0);
   EXPECT_EQ(test::ReadFile(tmp.File("log")), "321");
 }
 

@@ -167,6 +167,27 @@ std::string GetEnv(const std::string& name) {
 #endif
 }
 
+ScopedEnv::ScopedEnv(std::string name, const std::string& value)
+    : m_name(std::move(name)), m_saved(GetEnv(m_name)) {
+  SetEnv(m_name, value);
+}
+
+ScopedEnv::~ScopedEnv() {
+  SetEnv(m_name, m_saved);
+}
+
+int RunPython(const std::string& script, const std::vector<std::string>& args,
+              std::string* output) {
+  TempDir dir;
+  WriteFile(dir.File("script.py"), script);
+  std::string command = "python3 '" + dir.File("script.py") + "'";
+  for (const std::string& arg : args) command += " '" + arg + "'";
+  command += " > '" + dir.File("out") + "'";
+  const int status = Run(command);
+  if (output != nullptr) *output = ReadFile(dir.File("out"));
+  return status;
+}
+
 ScopedTempArea::ScopedTempArea(const std::string& dir) : m_saved(GetEnv(TEMP_AREA_VARIABLE)) {
   SetEnv(TEMP_AREA_VARIABLE, dir);
 }

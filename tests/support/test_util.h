@@ -69,6 +69,25 @@ void SetEnv(const std::string& name, const std::string& value);
 // The variable's value, empty when it is not set.
 std::string GetEnv(const std::string& name);
 
+// Sets (or, with an empty value, removes) an environment variable for the
+// lifetime of the object, then restores what was there.
+class ScopedEnv {
+public:
+  ScopedEnv(std::string name, const std::string& value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+  std::string m_name, m_saved;
+};
+
+// Runs a Python 3 `script` with `args` (each passed as one argument) and
+// returns its exit status; its standard output goes to `*output` when given.
+// Tests check HaveTool("python3") first.
+int RunPython(const std::string& script, const std::vector<std::string>& args,
+              std::string* output = nullptr);
+
 // Points the file systems' working area (XDG_CACHE_HOME, or TMP on Windows) at `dir`
 // for the lifetime of the object, then restores what was there.
 class ScopedTempArea {
