@@ -1,6 +1,8 @@
-// FileDataSource: lazy opening, reading and the end-of-file indicator,
-// seeking, clones, giving up and regaining the handle, the file's size and
-// time stamp, and the one-line diagnostics on the standard error stream.
+// FileDataSource and the platform file layer under it: lazy opening, UTF-8
+// names and binary reads, the end-of-file indicator, clones, giving up and
+// regaining the handle, 64-bit sizes and the time stamp, and the one-line
+// diagnostics on the standard error stream. (The seek rules are in
+// in_memory_data_source_test.cpp, beside those of memory.)
 #include "oru/file_data_source.h"
 
 #include <gtest/gtest.h>
@@ -20,10 +22,9 @@ namespace oru {
 namespace {
 
 namespace fs = std::filesystem;
+using test::Read;
 using test::TempDir;
 using test::WriteFile;
-
-using test::Read;
 
 std::string ErrnoText(int error) {
   return std::strerror(error);
@@ -36,28 +37,42 @@ void SetModificationTime(const std::string& path, int64_t secondsSince1970) {
 
 class FileDataSourceTest : public testing::Test {
 protected:
-  void SetUp() override {
-    path = dir.File("ten.bin");
-    WriteFile(path, kTen);
-  }
+  void SetUp() override { WriteFile(path, kTen); }
 
   static constexpr const char* kTen = "0123456789";
   TempDir dir;
-  std::string path;
+  std::string path = dir.File("ten.bin");
 };
 
-// ---- creation and lazy opening ------------------------------------------------
+// ---- creation, names and lazy opening -----------------------------------------
 
-TEST_F(FileDataSourceTest, CreateDoesNotOpenTheFile) {
+TEST_F(FileDataSourceTest, TheFileIsOpenedAtFirstUseAndClosedOnRequest) {
   auto src = FileDataSource::Create(path);
   ASSERT_NE(src, nullptr);
-  EXPECT_EQ(src->GetFileName(), path);
   EXPECT_FALSE(src->IsHoldingSystemResources());
-  EXPECT_EQ(src->GetFileSize(), 10u);
-  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
   WriteFile(path, "changed");  // what is read is what is there at first use
-  EXPECT_EQ(src->GetByte(), 'c');
+  EXPECT_EQ(Read(*src, 6), "change");
   EXPECT_TRUE(src->IsHoldingSystemResources());
+  src->RelinquishSystemResources();
+  EXPECT_FALSE(src->IsHoldingSystemResources());
+  src->RelinquishSystemResources();  // twice is harmless
+  EXPECT_EQ(src->GetOffset(), 0u);   // the next use reopens it at the start
+  EXPECT_TRUE(src->IsHoldingSystemResources());
+  EXPECT_EQ(src->GetByte(), 'c');
+}
+
+TEST_F(FileDataSourceTest, NonAsciiNameAndBytesReachTheSystemUnchanged) {
+  // Latin, Greek and CJK letters and a character outside the BMP, which
+  // needs a surrogate pair in UTF-16.
+  const std::string name =
+      dir.File("gr\xC3\xBC\xC3\x9F_\xCE\xB1\xCE\xB2_\xE6\x97\xA5_\xF0\x9F\x98\x80.bin");
+  // CR LF, Ctrl-Z and NUL would all be altered or end the read in text mode.
+  const std::string bytes("a\r\nb\x1A\x00\xFF\n", 8);
+  WriteFile(name, bytes);
+  auto src = FileDataSource::Create(name);
+  ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileSize(), bytes.size());
+  EXPECT_EQ(Read(*src, 100), bytes);
 }
 
 TEST(FileDataSourceCreate, MissingFileGivesNullAndOneLine) {
@@ -68,10 +83,9 @@ TEST(FileDataSourceCreate, MissingFileGivesNullAndOneLine) {
   TempDir dir;
   const std::string missing = dir.File("missing.bin");
   testing::internal::CaptureStderr();
-  auto src = FileDataSource::Create(missing);
+  EXPECT_EQ(FileDataSource::Create(missing), nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Cannot create FileDataSource for \"" + missing + "\" (" + ErrnoText(ENOENT) + ").\n");
-  EXPECT_EQ(src, nullptr);
 }
 
 TEST_F(FileDataSourceTest, FileDeletedAfterCreateFailsOnFirstUse) {
@@ -150,7 +164,7 @@ TEST_F(FileDataSourceTest, EndIsReportedOnlyAfterAReadFailsAndClearedBySeeks) {
   EXPECT_EQ(empty->ExtractBuffer()->GetSize(), 0u);
 }
 
-// ---- clones ---------------------------------------------------------------------------
+// ---- clones ---------------------------------------------------------------
 
 TEST_F(FileDataSourceTest, CloneStartsAtThePositionAndMovesOnItsOwn) {
   auto src = FileDataSource::Create(path);
@@ -162,41 +176,29 @@ TEST_F(FileDataSourceTest, CloneStartsAtThePositionAndMovesOnItsOwn) {
   src->SetIsTempFile(true);
   EXPECT_EQ(Read(*src, 4), "0123");
 
-  auto clone = std::dynamic_pointer_cast<FileDataSource>(src->Clone());
+  auto clone = src->Clone();
   ASSERT_NE(clone, nullptr);
-  EXPECT_EQ(clone->GetFileName(), path);
   EXPECT_TRUE(clone->IsTempFile());
-  EXPECT_EQ(clone->GetOffset(), 4u);
   EXPECT_EQ(Read(*clone, 3), "456");
-  EXPECT_EQ(src->GetOffset(), 4u);
   EXPECT_EQ(src->GetByte(), '4');
   EXPECT_EQ(clone->GetByte(), '7');
 }
 
-// ---- system resources ------------------------------------------------------------------
-
-TEST_F(FileDataSourceTest, RelinquishClosesAndTheNextUseReopensAtZero) {
-  auto src = FileDataSource::Create(path);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(Read(*src, 6), "012345");
-  EXPECT_TRUE(src->IsHoldingSystemResources());
-  src->RelinquishSystemResources();
-  EXPECT_FALSE(src->IsHoldingSystemResources());
-  src->RelinquishSystemResources();  // twice is harmless
-  EXPECT_FALSE(src->IsHoldingSystemResources());
-
-  EXPECT_EQ(src->GetOffset(), 0u);
-  EXPECT_TRUE(src->IsHoldingSystemResources());
-  EXPECT_EQ(src->GetByte(), '0');
-}
-
 // ---- size, time stamp, buffer ------------------------------------------------------------
 
-TEST_F(FileDataSourceTest, TimeStampIsTheModificationTimeInSeconds) {
+TEST_F(FileDataSourceTest, SizeAndTimeStampAreTheFilesOwn) {
+  // A sparse file past 4 GiB, where 32-bit sizes and offsets would wrap; no
+  // disk space is used for the hole.
+  const uint64_t size = (uint64_t{5} << 30) + 3;
+  fs::resize_file(fs::u8path(path), size);
   SetModificationTime(path, 1609459200);  // 2021-01-01 00:00:00 UTC
   auto src = FileDataSource::Create(path);
   ASSERT_NE(src, nullptr);
+  EXPECT_EQ(src->GetFileSize(), size);
   EXPECT_EQ(src->GetTimeStamp(), "1609459200");
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
+  EXPECT_EQ(src->GetOffset(), size - 1);
+  EXPECT_EQ(src->GetByte(), 0);
 
   SetModificationTime(path, 86400);  // 1970-01-02, a short number
   EXPECT_EQ(src->GetTimeStamp(), "86400");
@@ -212,18 +214,20 @@ TEST_F(FileDataSourceTest, ExtractBufferCopiesTheWholeFileAndKeepsThePosition) {
   EXPECT_EQ(Read(*src, 3), "012");
   auto buffer = src->ExtractBuffer();
   ASSERT_NE(buffer, nullptr);
-  EXPECT_EQ(buffer->GetSize(), 10u);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->GetData()), 10), kTen);
+  const auto text = [&buffer] {
+    return std::string(reinterpret_cast<const char*>(buffer->GetData()),
+                       static_cast<size_t>(buffer->GetSize()));
+  };
+  EXPECT_EQ(text(), kTen);
   EXPECT_EQ(src->GetOffset(), 3u);
   EXPECT_EQ(src->GetByte(), '3');
-
   // A copy: the buffer does not follow the file.
   src.reset();
   WriteFile(path, "abcdefghij");
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer->GetData()), 10), kTen);
+  EXPECT_EQ(text(), kTen);
 }
 
-// ---- failures after opening (POSIX: an open file can be deleted) -------------------------
+// ---- failures ----------------------------------------------------------------------------
 
 TEST_F(FileDataSourceTest, StatFailureOfAnOpenFileIsReported) {
 #ifdef _WIN32
@@ -253,8 +257,7 @@ TEST(FileDataSourceFailure, ReadErrorIsReported) {
   GTEST_SKIP() << "needs a readable file whose reads fail: /proc/self/mem on Linux";
 #else
   // Reading at address 0 of the own process's memory fails with EIO.
-  const std::string name = "/proc/self/mem";
-  auto src = FileDataSource::Create(name);
+  auto src = FileDataSource::Create("/proc/self/mem");
   ASSERT_NE(src, nullptr);
   std::byte b[10];
   testing::internal::CaptureStderr();
