@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
-#include <vector>
+#include <tuple>
 
 #include "oru/data_source.h"
 #include "oru/file_data_source.h"
@@ -24,14 +24,13 @@ namespace {
 using test::Deflate;
 using test::HaveTool;
 using test::RandomBytes;
+using test::Read;
+using test::ReadAll;
 using test::ReadFile;
 using test::TempDir;
 using test::WriteFile;
 
 // ---- helpers ---------------------------------------------------------------------
-
-using test::Read;
-using test::ReadAll;
 
 std::string Text(size_t size) {
   std::string s;
@@ -50,51 +49,57 @@ std::string Mixed(size_t size) {
   return s;
 }
 
-void AppendLe32(std::string& s, uint32_t v) {
-  for (int i = 0; i < 4; ++i) s += static_cast<char>((v >> (8 * i)) & 0xFF);
-}
-
-uint32_t Crc32(const std::string& s) {
-  return static_cast<uint32_t>(
-      crc32(0, reinterpret_cast<const Bytef*>(s.data()), static_cast<uInt>(s.size())));
-}
-
 // gzip header flag bits (RFC 1952).
 constexpr int FHCRC = 2;
 constexpr int FEXTRA = 4;
 constexpr int FNAME = 8;
 constexpr int FCOMMENT = 16;
 
-// A gzip member made by hand, so that every optional header field can be
-// present: the fixed header, then extra field, name, comment and header CRC
-// as `flags` asks, then raw deflate data and the CRC-32/length trailer.
-std::string GzipHeader(int flags, const std::string& extra, const std::string& name,
-                       const std::string& comment) {
-  std::string h = {'\x1F', '\x8B', '\x08', static_cast<char>(flags)};
-  AppendLe32(h, 1609459200);  // modification time
-  h += '\x00';                // extra flags
-  h += '\x03';                // operating system: Unix
-  if (flags & FEXTRA) {
-    h += static_cast<char>(extra.size() & 0xFF);
-    h += static_cast<char>(extra.size() >> 8);
-    h += extra;
-  }
-  if (flags & FNAME) h += name + '\0';
-  if (flags & FCOMMENT) h += comment + '\0';
-  if (flags & FHCRC) {
-    const uint32_t crc = Crc32(h);
-    h += static_cast<char>(crc & 0xFF);
-    h += static_cast<char>((crc >> 8) & 0xFF);
-  }
-  return h;
+// A gzip member written by zlib with the optional header fields that `flags`
+// asks for: extra field, name, comment and header CRC, in that order after
+// the 10 fixed bytes.
+std::string GzipMember(const std::string& data, int flags, std::string extra = "",
+                       std::string name = "", std::string comment = "") {
+  gz_header header{};
+  header.time = 1609459200;
+  header.os = 3;  // Unix
+  if (flags & FEXTRA) header.extra = reinterpret_cast<Bytef*>(extra.data());
+  header.extra_len = static_cast<uInt>(extra.size());
+  if (flags & FNAME) header.name = reinterpret_cast<Bytef*>(name.data());
+  if (flags & FCOMMENT) header.comment = reinterpret_cast<Bytef*>(comment.data());
+  header.hcrc = (flags & FHCRC) != 0;
+  z_stream zs{};
+  EXPECT_EQ(deflateInit2(&zs, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  EXPECT_EQ(deflateSetHeader(&zs, &header), Z_OK);
+  std::string out(deflateBound(&zs, static_cast<uLong>(data.size())) + 1024, '\0');
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+  zs.avail_in = static_cast<uInt>(data.size());
+  zs.next_out = reinterpret_cast<Bytef*>(out.data());
+  zs.avail_out = static_cast<uInt>(out.size());
+  EXPECT_EQ(deflate(&zs, Z_FINISH), Z_STREAM_END);
+  out.resize(zs.total_out);
+  deflateEnd(&zs);
+  return out;
 }
 
-std::string GzipMember(const std::string& data, int flags, const std::string& extra = "",
-                       const std::string& name = "", const std::string& comment = "") {
-  std::string g = GzipHeader(flags, extra, name, comment) + Deflate(data, 'r');
-  AppendLe32(g, Crc32(data));
-  AppendLe32(g, static_cast<uint32_t>(data.size()));
-  return g;
+// What zlib itself inflates from a zlib or gzip stream that may be cut
+// short, given all of it at once: the reference for truncated streams.
+std::string InflatePrefix(const std::string& stream) {
+  z_stream zs{};
+  EXPECT_EQ(inflateInit2(&zs, 15 + 32), Z_OK);  // either wrapper
+  zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.data()));
+  zs.avail_in = static_cast<uInt>(stream.size());
+  std::string out;
+  int rc = Z_OK;
+  while (rc == Z_OK) {
+    char piece[65536];
+    zs.next_out = reinterpret_cast<Bytef*>(piece);
+    zs.avail_out = sizeof piece;
+    rc = inflate(&zs, Z_SYNC_FLUSH);
+    out.append(piece, sizeof piece - zs.avail_out);
+  }
+  inflateEnd(&zs);
+  return out;
 }
 
 // A source that is not a compressed stream at all: the reserved block type
@@ -127,6 +132,19 @@ protected:
     return CompressedInMemoryDataSource::Create(memory, n);
   }
 
+  // Checks that a truncated stream gives what zlib can inflate of it.
+  void ExpectPrefixOfTruncated(const std::string& cut, const std::string& data) {
+    auto src = Open(cut);
+    ASSERT_NE(src, nullptr);
+    std::string got;
+    ASSERT_NO_THROW(got = ReadAll(*src, 4096));
+    EXPECT_GT(got.size(), 0u);
+    EXPECT_LT(got.size(), data.size());
+    EXPECT_TRUE(got == data.substr(0, got.size()));
+    EXPECT_EQ(got.size(), InflatePrefix(cut).size());
+    EXPECT_TRUE(src->IsEndOfBuffer());
+  }
+
   TempDir dir;
   int files = 0;
   std::shared_ptr<DataSource> under;
@@ -137,6 +155,8 @@ INSTANTIATE_TEST_SUITE_P(Kinds, CompressedSourceTest, testing::Values(Kind::File
                            return info.param == Kind::File ? "File" : "Memory";
                          });
 
+// Every member's trailer is spoilt and a second member follows it: the
+// trailer is not checked, and only the first member is read.
 TEST_P(CompressedSourceTest, EveryCombinationOfOptionalGzipFields) {
   const std::string data = Text(3000);
   // 300 bytes, so that both bytes of the extra field's length matter; and
@@ -145,21 +165,15 @@ TEST_P(CompressedSourceTest, EveryCombinationOfOptionalGzipFields) {
   for (bool empty : {false, true}) {
     for (int flags = 0; flags < 32; flags += 2) {
       SCOPED_TRACE("flags " + std::to_string(flags) + (empty ? " empty" : ""));
-      auto src = empty ? Open(GzipMember(data, flags))
-                       : Open(GzipMember(data, flags, extra, "name.txt", "a comment, \xC3\xA9"));
+      std::string gz = empty ? GzipMember(data, flags)
+                             : GzipMember(data, flags, extra, "name.txt", "a comment, \xC3\xA9");
+      for (size_t i = gz.size() - 8; i < gz.size(); ++i) gz[i] = static_cast<char>(~gz[i]);
+      auto src = Open(gz + GzipMember("second", 0));
       ASSERT_NE(src, nullptr);
       EXPECT_EQ(ReadAll(*src, 1000), data);
+      EXPECT_TRUE(src->IsEndOfBuffer());
     }
   }
-}
-
-TEST_P(CompressedSourceTest, TrailerIsNotCheckedAndOnlyTheFirstMemberIsRead) {
-  std::string gz = GzipMember(Text(2000), 0);
-  for (size_t i = gz.size() - 8; i < gz.size(); ++i) gz[i] = static_cast<char>(~gz[i]);
-  auto src = Open(gz + GzipMember("second", 0));
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(ReadAll(*src, 100), Text(2000));
-  EXPECT_TRUE(src->IsEndOfBuffer());
 }
 
 TEST_P(CompressedSourceTest, LargeStreamReadInPiecesOfEverySize) {
@@ -209,14 +223,7 @@ TEST_P(CompressedSourceTest, TruncatedStreamEndsWithWhatCouldBeInflated) {
   for (char format : {'z', 'g'}) {
     SCOPED_TRACE(std::string("format ") + format);
     const std::string full = Deflate(data, format);
-    auto src = Open(full.substr(0, full.size() * 3 / 5));
-    ASSERT_NE(src, nullptr);
-    std::string got;
-    ASSERT_NO_THROW(got = ReadAll(*src, 10000));
-    EXPECT_GT(got.size(), 0u);
-    EXPECT_LT(got.size(), data.size());
-    EXPECT_TRUE(got == data.substr(0, got.size()));
-    EXPECT_TRUE(src->IsEndOfBuffer());
+    ExpectPrefixOfTruncated(full.substr(0, full.size() * 3 / 5), data);
   }
 }
 
@@ -224,8 +231,8 @@ TEST_P(CompressedSourceTest, CorruptStreamsThrowFromReads) {
   std::string badSum = Deflate(Text(5000), 'z');
   badSum.back() = static_cast<char>(badSum.back() ^ 1);  // the Adler-32 at the end
   const std::string cases[] = {
-      "\x78\x9C" + kBadBlock,                 // a good zlib header
-      GzipHeader(0, "", "", "") + kBadBlock,  // a good gzip header
+      "\x78\x9C" + kBadBlock,                       // a good zlib header
+      GzipMember("", 0).substr(0, 10) + kBadBlock,  // a good gzip header
       badSum,
       // A raw deflate stream's first byte never has compression method 8 in
       // its low nibble; Create cannot tell, inflate can.
@@ -238,7 +245,6 @@ TEST_P(CompressedSourceTest, CorruptStreamsThrowFromReads) {
   }
   auto src = Open(cases[0]);
   EXPECT_THROW(src->GetByte(), UnrecognizedCompressedFormat);
-  EXPECT_STREQ(UnrecognizedCompressedFormat().what(), "Unrecognized Compressed Format.");
 }
 
 TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
@@ -251,14 +257,14 @@ TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
   const Case cases[] = {
       {std::string(), false},
       {std::string("\x1F"), false},
-      {std::string("\x1F\x8B"), false},                       // no method or flags
-      {std::string("\x1F\x8B\x08"), false},                   // no flags
-      {named.substr(0, 10 + 4), false},                       // inside the name
-      {commented.substr(0, 10 + 3), false},                   // inside the comment
-      {GzipHeader(FEXTRA, "", "", "").substr(0, 11), false},  // half the extra length
-      {std::string("\x1F\x8B\x08\x00\x00\x00", 6), true},     // fixed header cut
-      {GzipHeader(FEXTRA, std::string(300, 'e'), "", "").substr(0, 12 + 100), true},
-      {GzipHeader(FHCRC, "", "", "").substr(0, 11), true},  // half the header CRC
+      {std::string("\x1F\x8B"), false},                    // no method or flags
+      {std::string("\x1F\x8B\x08"), false},                // no flags
+      {named.substr(0, 10 + 4), false},                    // inside the name
+      {commented.substr(0, 10 + 3), false},                // inside the comment
+      {GzipMember("x", FEXTRA).substr(0, 11), false},      // half the extra length
+      {std::string("\x1F\x8B\x08\x00\x00\x00", 6), true},  // fixed header cut
+      {GzipMember("x", FEXTRA, std::string(300, 'e')).substr(0, 12 + 100), true},
+      {GzipMember("x", FHCRC).substr(0, 11), true},  // half the header CRC
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("header of " + std::to_string(c.bytes.size()) + " bytes");
@@ -282,33 +288,21 @@ TEST_P(CompressedSourceTest, SeekInsideWhatHasBeenInflated) {
   ASSERT_EQ(ReadAll(*src, 1 << 20).size(), data.size());
 
   constexpr SeekOrigin SET = DataSource::DS_SEEK_SET, CUR = DataSource::DS_SEEK_CUR,
-                       END = DataSource::DS_SEEK_END;
+                       END = DataSource::DS_SEEK_END, BAD = SeekOrigin(3);
+  const int64_t half = size / 2, last = size - 1;
   struct Case {
     int64_t from, offset;
     SeekOrigin origin;
-    int64_t to;  // -1: refused, the position stays
+    int64_t to;  // -1: refused, the position stays (the end itself is not a target)
   };
   const Case cases[] = {
-      {5, 0, SET, 0},
-      {5, 65535, SET, 65535},
-      {5, 65536, SET, 65536},
-      {5, 196608, SET, 196608},
-      {5, size / 2, SET, size / 2},
-      {5, size - 1, SET, size - 1},
-      {5, -1, END, size - 1},
-      {5, -size, END, 0},
-      {5, 65536 - size, END, 65536},
-      {11, 31, CUR, 42},
-      {42, -2, CUR, 40},
-      {5, size, SET, -1},  // the end itself is not a target
-      {5, -1, SET, -1},
-      {5, 0, END, -1},
-      {5, 1, END, -1},
-      {5, -size - 1, END, -1},
-      {11, -12, CUR, -1},
-      {11, size - 11, CUR, -1},
-      {5, 0, SeekOrigin(3), -1},
-  };
+      {5, 0, SET, 0},           {5, 65535, SET, 65535}, {5, 65536, SET, 65536},
+      {5, 196608, SET, 196608}, {5, half, SET, half},   {5, last, SET, last},
+      {5, -1, END, last},       {5, -size, END, 0},     {5, 65536 - size, END, 65536},
+      {11, 31, CUR, 42},        {42, -2, CUR, 40},      {5, size, SET, -1},
+      {5, -1, SET, -1},         {5, 0, END, -1},        {5, 1, END, -1},
+      {5, -size - 1, END, -1},  {11, -12, CUR, -1},     {11, size - 11, CUR, -1},
+      {5, 0, BAD, -1}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message()
                  << "from " << c.from << " offset " << c.offset << " origin " << c.origin);
@@ -343,32 +337,6 @@ TEST_P(CompressedSourceTest, SeekEndIsTheEndOfWhatIsInflatedSoFar) {
   EXPECT_TRUE(ReadAll(*src, 50000) == data.substr(10));
 }
 
-TEST_P(CompressedSourceTest, SeekAnywhereInAFullyInflatedStream) {
-  const std::string data = Mixed(3 * 1024 * 1024);
-  const uint64_t size = data.size();
-  auto src = Open(Deflate(data, 'z'));
-  ASSERT_NE(src, nullptr);
-  ASSERT_EQ(ReadAll(*src, 1 << 20).size(), size);
-
-  for (uint64_t at :
-       {uint64_t{0}, uint64_t{65535}, uint64_t{65536}, uint64_t{196608}, size / 2, size - 1}) {
-    SCOPED_TRACE("offset " + std::to_string(at));
-    ASSERT_EQ(src->Seek(static_cast<int64_t>(at), DataSource::DS_SEEK_SET), 0);
-    EXPECT_EQ(src->GetOffset(), at);
-    const std::string got = Read(*src, 3);
-    EXPECT_TRUE(got == data.substr(static_cast<size_t>(at), 3));
-    ASSERT_EQ(
-        src->Seek(static_cast<int64_t>(at) - static_cast<int64_t>(size), DataSource::DS_SEEK_END),
-        0);
-    EXPECT_EQ(src->GetOffset(), at);
-  }
-  EXPECT_EQ(src->Seek(static_cast<int64_t>(size), DataSource::DS_SEEK_SET), -1);
-  ASSERT_EQ(src->Seek(static_cast<int64_t>(size) - 1, DataSource::DS_SEEK_SET), 0);
-  EXPECT_FALSE(src->IsEndOfBuffer());
-  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data.back()));
-  EXPECT_TRUE(src->IsEndOfBuffer());
-}
-
 TEST_P(CompressedSourceTest, BoundedMemoryGivesTheSameBytesWhereverItSeeks) {
   // Read whole with 256 KiB kept: seeks behind the kept chunks inflate again
   // from the start (gzip and zlib streams), and every read matches the data.
@@ -398,8 +366,6 @@ TEST_P(CompressedSourceTest, BoundedMemoryGivesTheSameBytesWhereverItSeeks) {
 TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
   auto src = Open(Deflate(Text(1000), 'z'));
   ASSERT_NE(src, nullptr);
-  EXPECT_EQ(src->GetFileSize(), 0u);
-  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
   ReadAll(*src, 100);
   EXPECT_EQ(src->GetFileSize(), 0u);
   EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
@@ -407,14 +373,15 @@ TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
   EXPECT_EQ(src->ExtractBuffer()->GetSize(), 0u);
   EXPECT_EQ(src->Clone(), nullptr);
   EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
-  // The temporary flag is the underlying source's.
+  // The time stamp and the temporary flag are the underlying source's.
+  EXPECT_EQ(src->GetTimeStamp(), under->GetTimeStamp());
   under->SetIsTempFile(true);
   EXPECT_TRUE(src->IsTempFile());
   src->SetIsTempFile(false);
   EXPECT_FALSE(under->IsTempFile());
 }
 
-TEST_P(CompressedSourceTest, CompressedOffsetOfAZlibStream) {
+TEST_P(CompressedSourceTest, CompressedOffsetFollowsTheInflatedPosition) {
   // Incompressible data, so the estimate grows steadily with the position.
   const std::string data = RandomBytes(600000, 8);
   const std::string z = Deflate(data, 'z');
@@ -438,94 +405,55 @@ TEST_P(CompressedSourceTest, CompressedOffsetOfAZlibStream) {
   EXPECT_EQ(total, data.size());
   // At the end every byte of the stream, checksum included, is consumed.
   EXPECT_EQ(src->GetCompressedOffset(), end);
-
   // Back at the start the estimate is back at the start too.
   ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), 0);
   EXPECT_EQ(src->GetCompressedOffset(), start);
-}
 
-TEST_P(CompressedSourceTest, CompressedOffsetStartsAfterTheGzipHeader) {
+  // A gzip stream's data starts after its header, here with a name and a
+  // comment; the trailer is not inflated.
   const std::string gz = GzipMember(Text(1000), FNAME | FCOMMENT, "", "abc", "de");
-  auto src = Open(gz);
+  src = Open(gz);
   ASSERT_NE(src, nullptr);
   EXPECT_EQ(src->GetCompressedOffset(), 10u + 4u + 3u);
   ReadAll(*src, 100);
-  const uint64_t end = src->GetCompressedOffset();
-  EXPECT_GT(end, 17u);
-  EXPECT_LE(end, gz.size() - 8);  // the trailer is not inflated
+  EXPECT_GT(src->GetCompressedOffset(), 17u);
+  EXPECT_LE(src->GetCompressedOffset(), gz.size() - 8);
 }
 
 // ---- data from independent tools ------------------------------------------------------------
 
-class GzipToolTest : public testing::Test {
-protected:
-  void SetUp() override {
-    if (!HaveTool("gzip")) GTEST_SKIP() << "the gzip tool is not available";
-  }
-
-  // Compresses `data` with the gzip tool (extra options in `options`) and
-  // returns the .gz file's path.
-  std::string Gzip(const std::string& data, const std::string& name, const std::string& options) {
+TEST_P(CompressedSourceTest, FilesFromTheGzipTool) {
+  if (!HaveTool("gzip")) GTEST_SKIP() << "the gzip tool is not available";
+  const auto gzip = [this](const std::string& data, const std::string& name,
+                           const std::string& options) {
     const std::string in = dir.File(name);
     WriteFile(in, data);
-    const std::string out = in + ".gz";
-    EXPECT_EQ(test::Run("gzip -c " + options + " '" + in + "' > '" + out + "'"), 0);
-    return out;
+    EXPECT_EQ(test::Run("gzip -c " + options + " '" + in + "' > '" + in + ".gz'"), 0);
+    return ReadFile(in + ".gz");
+  };
+  const std::string large = Mixed(5 * 1000 * 1000), text = Text(100000);
+  const std::string plain = gzip(large, "large.bin", "-n");
+  const std::string named = gzip(text, "named-file.txt", "-N -9");
+  EXPECT_EQ(named.substr(10, 15), std::string("named-file.txt\0", 15));
+  for (const auto& [gz, data, headerLength] :
+       {std::tuple(&plain, &large, 10u), std::tuple(&named, &text, 10u + 15u)}) {
+    auto src = Open(*gz);
+    ASSERT_NE(src, nullptr);
+    EXPECT_EQ(src->GetCompressedOffset(), headerLength);
+    EXPECT_TRUE(ReadAll(*src, 65536) == *data);
+    EXPECT_TRUE(src->IsEndOfBuffer());
   }
-
-  // Checks that both kinds inflate the .gz file at `path` to `data`.
-  void ExpectBothKindsRead(const std::string& path, const std::string& data,
-                           uint64_t headerLength) {
-    auto file = CompressedFileDataSource::Create(FileDataSource::Create(path), 0);
-    EXPECT_EQ(file->GetCompressedOffset(), headerLength);
-    EXPECT_TRUE(ReadAll(*file, 65536) == data);
-    EXPECT_TRUE(file->IsEndOfBuffer());
-
-    auto memory =
-        CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(ReadFile(path), false), 0);
-    EXPECT_EQ(memory->GetCompressedOffset(), headerLength);
-    EXPECT_TRUE(ReadAll(*memory, 65536) == data);
-    EXPECT_TRUE(memory->IsEndOfBuffer());
-  }
-
-  TempDir dir;
-};
-
-TEST_F(GzipToolTest, WithAndWithoutName) {
-  const std::string large = Mixed(5 * 1000 * 1000);
-  ExpectBothKindsRead(Gzip(large, "large.bin", "-n"), large, 10);
-  const std::string data = Text(100000);
-  const std::string path = Gzip(data, "named-file.txt", "-N -9");
-  EXPECT_EQ(ReadFile(path).substr(10, 15), std::string("named-file.txt\0", 15));
-  ExpectBothKindsRead(path, data, 10 + 15);
-}
-
-TEST_F(GzipToolTest, TruncatedFile) {
-  const std::string data = Mixed(500000);
-  const std::string gz = ReadFile(Gzip(data, "cut.bin", "-n"));
-  const std::string cut = gz.substr(0, gz.size() / 2);
-  WriteFile(dir.File("cut.gz"), cut);
-  auto file = CompressedFileDataSource::Create(FileDataSource::Create(dir.File("cut.gz")), 0);
-  auto memory =
-      CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(cut), false), 0);
-  std::string fromFile, fromMemory;
-  ASSERT_NO_THROW(fromFile = ReadAll(*file, 4096));
-  ASSERT_NO_THROW(fromMemory = ReadAll(*memory, 4096));
-  EXPECT_GT(fromFile.size(), 0u);
-  EXPECT_LT(fromFile.size(), data.size());
-  EXPECT_TRUE(fromFile == data.substr(0, fromFile.size()));
-  EXPECT_TRUE(fromMemory == fromFile);
+  ExpectPrefixOfTruncated(plain.substr(0, plain.size() / 2), large);
 }
 
 // Python writes a member with a stored name for us to read, and reads back
-// a hand-made member with every optional field (which guards the hand-made
-// members used above).
-TEST(PythonGzipTest, BothWays) {
+// one of ours with every optional field (which guards the members used
+// above).
+TEST_P(CompressedSourceTest, PythonReadsOursAndWeReadPythons) {
   if (!HaveTool("python3")) GTEST_SKIP() << "python3 is not available";
-  TempDir dir;
   const std::string data = Mixed(200000), text = Text(5000);
   WriteFile(dir.File("input.bin"), data);
-  WriteFile(dir.File("hand.gz"), GzipMember(text, FEXTRA | FNAME | FCOMMENT | FHCRC,
+  WriteFile(dir.File("ours.gz"), GzipMember(text, FEXTRA | FNAME | FCOMMENT | FHCRC,
                                             RandomBytes(300, 3), "name.txt", "comment"));
   const std::string script =
       "import gzip,sys\n"
@@ -534,18 +462,16 @@ TEST(PythonGzipTest, BothWays) {
       "mtime=1609459200) as g: g.write(open(a[1],'rb').read())\n"
       "open(a[4],'wb').write(gzip.open(a[3]).read())\n";
   ASSERT_EQ(test::Run("python3 -c \"" + script + "\" '" + dir.File("input.bin") + "' '" +
-                      dir.File("output.gz") + "' '" + dir.File("hand.gz") + "' '" +
-                      dir.File("hand.txt") + "'"),
+                      dir.File("theirs.gz") + "' '" + dir.File("ours.gz") + "' '" +
+                      dir.File("ours.txt") + "'"),
             0);
-  EXPECT_TRUE(ReadFile(dir.File("hand.txt")) == text);
-  const std::string gz = ReadFile(dir.File("output.gz"));
+  EXPECT_TRUE(ReadFile(dir.File("ours.txt")) == text);
+  const std::string gz = ReadFile(dir.File("theirs.gz"));
   ASSERT_GE(gz.size(), 10u);
   EXPECT_NE(gz[3] & FNAME, 0);
-  auto file = CompressedFileDataSource::Create(FileDataSource::Create(dir.File("output.gz")), 0);
-  EXPECT_TRUE(ReadAll(*file, 30000) == data);
-  auto memory =
-      CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(std::string(gz), false), 0);
-  EXPECT_TRUE(ReadAll(*memory, 30000) == data);
+  auto src = Open(gz);
+  ASSERT_NE(src, nullptr);
+  EXPECT_TRUE(ReadAll(*src, 30000) == data);
 }
 
 }  // namespace
