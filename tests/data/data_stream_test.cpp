@@ -24,20 +24,14 @@ namespace {
 
 using namespace std::string_literals;
 
-using AllKinds =
-    ::testing::Types<MemoryKind, FileKind, CompressedKind, TrickleKind<3>, CappedMemoryKind<5>>;
-// Kinds whose GetBytes hands out everything asked for while there is data.
-using FullKinds = ::testing::Types<MemoryKind, FileKind, CompressedKind>;
+using AllKinds = ::testing::Types<MemoryKind, FileKind, CompressedKind, CappedMemoryKind<3>>;
 // Kinds whose GetFileSize() is the length of the data (progress is measured
 // against it).
-using PlainKinds = ::testing::Types<MemoryKind, FileKind, TrickleKind<3>, CappedMemoryKind<5>>;
+using PlainKinds = ::testing::Types<MemoryKind, FileKind, CappedMemoryKind<3>>;
 
 template <typename K>
 class DataStreamAllKinds : public SourceKindTest<K> {};
 TYPED_TEST_SUITE(DataStreamAllKinds, AllKinds, KindName);
-template <typename K>
-class DataStreamFullKinds : public SourceKindTest<K> {};
-TYPED_TEST_SUITE(DataStreamFullKinds, FullKinds, KindName);
 template <typename K>
 class DataStreamPlainKinds : public SourceKindTest<K> {};
 TYPED_TEST_SUITE(DataStreamPlainKinds, PlainKinds, KindName);
@@ -92,7 +86,7 @@ std::string Text(DataStream& s, uint64_t count) {
 // ---- typed reads ------------------------------------------------------------
 
 TYPED_TEST(DataStreamAllKinds, ArrayReadsFollowTheRules) {
-  const std::string bytes = RandomBytes(37, 11);
+  const std::string bytes = RandomBytes(9001, 11);
   ForEachType<char, unsigned char, short, unsigned short, int, unsigned int, float, double, int64_t,
               uint64_t>([&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -102,7 +96,7 @@ TYPED_TEST(DataStreamAllKinds, ArrayReadsFollowTheRules) {
       if (swapped) s.SetSrcEndianess(BigEndian);
       Feed feed{bytes, TypeParam::kCap};
       int round = 0;
-      for (uint64_t count : {1, 3, 0, 1, 2, 100, 1}) {
+      for (uint64_t count : {1, 3, 0, 1, 2, 100, 1, 2100, 2100}) {
         std::vector<T> got(count + 1), want(count + 1);
         std::memset(got.data(), 0xA5, got.size() * sizeof(T));
         std::memset(want.data(), 0xA5, want.size() * sizeof(T));
@@ -133,75 +127,6 @@ TYPED_TEST(DataStreamAllKinds, BoolIsAnyNonZeroByte) {
   EXPECT_EQ(s.GetBytesRead(), 4u);
 }
 
-// A source may hand out fewer bytes than asked without being at its end; in
-// the other byte order every element is still asked for whole.
-TEST(DataStreamShortReads, OtherOrderAsksForEachElement) {
-  DataStream s(std::make_shared<TrickleSource>("\x00\x01\x00\x02\x00\x03\x00\x04"s, 3));
-  s.SetSrcEndianess(BigEndian);
-  short values[4] = {};
-  EXPECT_TRUE(s.Read(values, 4));
-  EXPECT_EQ(values[0], 1);
-  EXPECT_EQ(values[1], 2);
-  EXPECT_EQ(values[2], 3);
-  EXPECT_EQ(values[3], 4);
-  EXPECT_EQ(s.GetBytesRead(), 8u);
-  // Host order asks once for everything and takes what comes.
-  DataStream h(std::make_shared<TrickleSource>("\x01\x02\x03\x04\x05\x06\x07\x08"s, 3));
-  int64_t value = 0;
-  EXPECT_TRUE(h.Read(value));
-  EXPECT_EQ(value, 0x030201);
-  EXPECT_EQ(h.GetBytesRead(), 3u);
-}
-
-TYPED_TEST(DataStreamFullKinds, KnownValuesInBothByteOrders) {
-  const std::string big =
-      "\xFF\xFE\xFF\xFF\xFF\xFE\x3F\xC0\x00\x00\xC0\x02\x00\x00\x00\x00\x00\x00"
-      "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFD"s;
-  const std::string little =
-      "\xFE\xFF\xFE\xFF\xFF\xFF\x00\x00\xC0\x3F\x00\x00\x00\x00\x00\x00\x02\xC0"
-      "\xFD\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s;
-  for (const std::string* bytes : {&big, &little}) {
-    DataStream s = this->Make(*bytes);
-    if (bytes == &big) s.SetSrcEndianess(BigEndian);
-    short sh = 0;
-    unsigned int ui = 0;
-    float f = 0;
-    double d = 0;
-    int64_t i64 = 0;
-    ASSERT_TRUE(s.Read(sh) && s.Read(ui) && s.Read(f) && s.Read(d) && s.Read(i64));
-    EXPECT_EQ(sh, -2);
-    EXPECT_EQ(ui, 4294967294u);
-    EXPECT_EQ(f, 1.5f);
-    EXPECT_EQ(d, -2.25);
-    EXPECT_EQ(i64, -3);
-    EXPECT_EQ(s.GetBytesRead(), 26u);
-  }
-}
-
-// The expected values are assembled byte by byte with shifts, so the
-// reference does not depend on the stream's own swapping.
-TYPED_TEST(DataStreamFullKinds, LargeArraysInTheOtherOrder) {
-  constexpr size_t kInts = 1000000, kShorts = 300001;
-  const std::string bytes = RandomBytes(4 * kInts + 2 * kShorts, 17);
-  auto byteAt = [&bytes](size_t i) { return static_cast<unsigned char>(bytes[i]); };
-  std::vector<uint32_t> ints(kInts), gotInts(kInts);
-  std::vector<uint16_t> shorts(kShorts), gotShorts(kShorts);
-  for (size_t i = 0; i < kInts; ++i)
-    ints[i] = uint32_t{byteAt(4 * i)} << 24 | uint32_t{byteAt(4 * i + 1)} << 16 |
-              uint32_t{byteAt(4 * i + 2)} << 8 | byteAt(4 * i + 3);
-  for (size_t i = 0, at = 4 * kInts; i < kShorts; ++i, at += 2)
-    shorts[i] = static_cast<uint16_t>(byteAt(at) << 8 | byteAt(at + 1));
-  DataStream s = this->Make(bytes);
-  s.SetSrcEndianess(BigEndian);
-  ASSERT_TRUE(s.Read(gotInts.data(), kInts));
-  ASSERT_TRUE(s.Read(gotShorts.data(), kShorts));
-  EXPECT_EQ(gotInts, ints);
-  EXPECT_EQ(gotShorts, shorts);
-  EXPECT_EQ(s.GetBytesRead(), bytes.size());
-  uint32_t more = 0;
-  EXPECT_FALSE(s.Read(&more, 1));
-}
-
 // ---- line reads -------------------------------------------------------------
 
 struct LineCase {
@@ -213,25 +138,23 @@ struct LineCase {
 };
 
 std::vector<LineCase> LineCases() {
-  return {
-      {"LF", "ab\ncd", {"ab", "cd"}},
-      {"CR", "ab\rcd", {"ab", "cd"}},
-      {"CRLF", "ab\r\ncd", {"ab", "cd"}},
-      {"LFCR", "ab\n\rcd", {"ab", "cd"}},
-      {"LF LF", "ab\n\ncd", {"ab", "", "cd"}},
-      {"mixed", "ab\r\ncd\n\nef", {"ab", "cd", "", "ef"}},
-      {"no final end", "ab", {"ab"}},
-      {"final LF", "ab\n", {"ab"}},
-      {"final CR", "ab\r", {"ab"}},
-      {"final LF LF", "ab\n\n", {"ab", ""}},
-      {"final CRLF", "ab\r\n", {"ab"}, true},
-      {"final LFCR", "ab\n\r", {"ab"}, true},
-      {"only LF", "\n", {""}},
-      {"only CRLF", "\r\n", {""}, true},
-      {"empty", "", {}},
-      {"raw bytes", "a\xFF\x00z\n\x80"s, {"a\xFF\x00z"s, "\x80"}},
-      {"long", std::string(10000, 'q') + "\r\nend", {std::string(10000, 'q'), "end"}},
-  };
+  return {{"LF", "ab\ncd", {"ab", "cd"}},
+          {"CR", "ab\rcd", {"ab", "cd"}},
+          {"CRLF", "ab\r\ncd", {"ab", "cd"}},
+          {"LFCR", "ab\n\rcd", {"ab", "cd"}},
+          {"LF LF", "ab\n\ncd", {"ab", "", "cd"}},
+          {"mixed", "ab\r\ncd\n\nef", {"ab", "cd", "", "ef"}},
+          {"no final end", "ab", {"ab"}},
+          {"final LF", "ab\n", {"ab"}},
+          {"final CR", "ab\r", {"ab"}},
+          {"final LF LF", "ab\n\n", {"ab", ""}},
+          {"final CRLF", "ab\r\n", {"ab"}, true},
+          {"final LFCR", "ab\n\r", {"ab"}, true},
+          {"only LF", "\n", {""}},
+          {"only CRLF", "\r\n", {""}, true},
+          {"empty", "", {}},
+          {"raw bytes", "a\xFF\x00z\n\x80"s, {"a\xFF\x00z"s, "\x80"}},
+          {"long", std::string(10000, 'q') + "\r\nend", {std::string(10000, 'q'), "end"}}};
 }
 
 TYPED_TEST(DataStreamAllKinds, LinesEndAtEveryLineEnd) {
@@ -258,15 +181,11 @@ TYPED_TEST(DataStreamAllKinds, LinesEndAtEveryLineEnd) {
 // ---- positions, skips, raw reads --------------------------------------------
 
 TYPED_TEST(DataStreamAllKinds, SkipsAndPositions) {
-  const std::string bytes = "0123456789abcdefghijklmnopqrstuvwxyz";
-  DataStream s = this->Make(bytes);
+  DataStream s = this->Make("0123456789abcdefghijklmnopqrstuvwxyz");
   char c = 0;
   ASSERT_TRUE(s.Read(c));  // inflated data can be positioned only once read
-  EXPECT_TRUE(s.SkipBytes(2));
-  EXPECT_TRUE(s.SkipUInt16s(2));
-  EXPECT_TRUE(s.SkipUInt32s(1));
-  EXPECT_TRUE(s.SkipFloats(2));
-  EXPECT_TRUE(s.SkipDoubles(1));
+  EXPECT_TRUE(s.SkipBytes(2) && s.SkipUInt16s(2) && s.SkipUInt32s(1) && s.SkipFloats(2) &&
+              s.SkipDoubles(1));
   EXPECT_EQ(s.GetPosition(), 27u);
   EXPECT_EQ(s.GetBytesRead(), 27u);
   ASSERT_TRUE(s.Read(c));
@@ -276,7 +195,6 @@ TYPED_TEST(DataStreamAllKinds, SkipsAndPositions) {
   ASSERT_TRUE(s.Read(c));
   EXPECT_EQ(c, '5');
   EXPECT_TRUE(s.Rewind());
-  EXPECT_EQ(s.GetPosition(), 0u);
   ASSERT_TRUE(s.Read(c));
   EXPECT_EQ(c, '0');
   EXPECT_EQ(s.GetBytesRead(), 30u);  // positioning counts nothing
@@ -285,27 +203,7 @@ TYPED_TEST(DataStreamAllKinds, SkipsAndPositions) {
   EXPECT_EQ(s.GetBytesRead(), 0u);
 }
 
-TYPED_TEST(DataStreamAllKinds, PositioningAtAndPastTheEnd) {
-  DataStream s = this->Make("0123456789");
-  char c = 0;
-  ASSERT_TRUE(s.Read(c));
-  EXPECT_EQ(s.SetPosition(10), TypeParam::kSeekToEnd);
-  if (TypeParam::kSeekToEnd) {
-    EXPECT_EQ(s.GetPosition(), 10u);
-    EXPECT_EQ(s.IsEOF(), !TypeParam::kEndSeenLate);  // a successful seek clears a file's end
-  } else {
-    EXPECT_EQ(s.GetPosition(), 1u);
-  }
-  ASSERT_TRUE(s.SetPosition(8));
-  EXPECT_EQ(s.SetPosition(11), TypeParam::kSeekPastEnd);
-  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 11u : 8u);
-  ASSERT_TRUE(s.SetPosition(8));
-  EXPECT_EQ(s.SkipUInt16s(2), TypeParam::kSeekPastEnd);
-  EXPECT_EQ(s.GetBytesRead(), TypeParam::kSeekPastEnd ? 5u : 1u);
-  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 12u : 8u);
-}
-
-TYPED_TEST(DataStreamAllKinds, EndOfData) {
+TYPED_TEST(DataStreamAllKinds, EndOfDataAndPositionsAtAndPastIt) {
   DataStream empty = this->Make("");
   EXPECT_EQ(empty.IsEOF(), !TypeParam::kEndSeenLate && !TypeParam::kEndUnknownUntilRead);
   char c = 'k';
@@ -315,12 +213,22 @@ TYPED_TEST(DataStreamAllKinds, EndOfData) {
 
   DataStream s = this->Make("abc");
   EXPECT_FALSE(s.IsEOF());
-  EXPECT_EQ(Text(s, 3), "abc");
-  ASSERT_TRUE(s.SetPosition(2));
+  EXPECT_EQ(Text(s, 2), "ab");
   ASSERT_TRUE(s.Read(c));
   EXPECT_EQ(s.IsEOF(), !TypeParam::kEndSeenLate);
   EXPECT_FALSE(s.Read(c));
   EXPECT_TRUE(s.IsEOF());
+  // A successful seek to the end clears a file's end indicator.
+  EXPECT_EQ(s.SetPosition(3), TypeParam::kSeekToEnd);
+  EXPECT_EQ(s.GetPosition(), 3u);
+  EXPECT_EQ(s.IsEOF(), !TypeParam::kEndSeenLate);
+  ASSERT_TRUE(s.SetPosition(1));
+  EXPECT_EQ(s.SetPosition(4), TypeParam::kSeekPastEnd);
+  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 4u : 1u);
+  ASSERT_TRUE(s.SetPosition(1));
+  EXPECT_EQ(s.SkipUInt16s(2), TypeParam::kSeekPastEnd);
+  EXPECT_EQ(s.GetPosition(), TypeParam::kSeekPastEnd ? 5u : 1u);
+  EXPECT_EQ(s.GetBytesRead(), TypeParam::kSeekPastEnd ? 7u : 3u);
 }
 
 TYPED_TEST(DataStreamAllKinds, FillBufferDeliversWhatTheSourceGives) {
@@ -362,28 +270,17 @@ TYPED_TEST(DataStreamAllKinds, CopiesShareThePositionAndMovesCarryOn) {
 
 // ---- progress ---------------------------------------------------------------
 
+// The truncated percentage; past the end (a file) only its low byte counts,
+// and what is above 100 is 100.
 TYPED_TEST(DataStreamPlainKinds, ProgressIsThePercentageOfThePosition) {
   EXPECT_EQ(this->Make("").GetProgress(), 100);
   DataStream s = this->Make(std::string(200, 'p'));
-  EXPECT_EQ(s.GetProgress(), 0);
-  ASSERT_TRUE(s.SetPosition(1));
-  EXPECT_EQ(s.GetProgress(), 0);  // 0.5 % is truncated
-  ASSERT_TRUE(s.SetPosition(100));
-  EXPECT_EQ(s.GetProgress(), 50);
-  ASSERT_TRUE(s.SetPosition(199));
-  EXPECT_EQ(s.GetProgress(), 99);
-  ASSERT_TRUE(s.SetPosition(200));
-  EXPECT_EQ(s.GetProgress(), 100);
-}
-
-TEST(DataStreamFile, ProgressPastTheEndKeepsTheLowByte) {
-  TempDir dir;
-  WriteFile(dir.File("p.bin"), std::string(200, 'p'));
-  DataStream s(FileDataSource::Create(dir.File("p.bin")));
-  ASSERT_TRUE(s.SetPosition(300));
-  EXPECT_EQ(s.GetProgress(), 100);  // 150 is above 100
-  ASSERT_TRUE(s.SetPosition(600));
-  EXPECT_EQ(s.GetProgress(), 44);  // 300 % 256
+  const int cases[][2] = {{0, 0}, {1, 0}, {100, 50}, {199, 99}, {200, 100}, {300, 100}, {600, 44}};
+  for (const auto& [at, percent] : cases) {
+    if (at > 200 && !TypeParam::kSeekPastEnd) break;
+    ASSERT_TRUE(s.SetPosition(at));
+    EXPECT_EQ(s.GetProgress(), percent) << "at " << at;
+  }
 }
 
 // ---- compressed sections ----------------------------------------------------
@@ -438,30 +335,25 @@ TEST(DataStreamCompressedSection, ReadsTheSectionAndReturns) {
   }
 }
 
+// A bad header throws; a source without a compressed view stays the one
+// read; ending a section when none is open changes nothing.
 TEST(DataStreamCompressedSection, NoSectionToStartOrEnd) {
   DataStream bad(InMemoryDataSource::Create(std::string("x"), false));
   EXPECT_THROW(bad.StartCompressedSection(), UnrecognizedCompressedFormat);
-  DataStream s(InMemoryDataSource::Create(std::string("abc"), false));
-  EXPECT_EQ(Text(s, 1), "a");
-  EXPECT_TRUE(s.EndCompressedSection());
-  EXPECT_FALSE(s.IsCompressed());
-  EXPECT_EQ(Text(s, 2), "bc");
-}
-
-TEST(DataStreamCompressedSection, SourcesWithoutACompressedView) {
   const std::string z = Deflate("payload", 'z');
   auto sparse = SparseDataSource::Create(z.size());
   std::memcpy(sparse->GetSection(sparse->AddSection(0, z.size())).data, z.data(), z.size());
   auto inflated =
       CompressedInMemoryDataSource::Create(InMemoryDataSource::Create(Deflate(z, 'z'), false), 0);
-  const std::shared_ptr<DataSource> sources[] = {std::make_shared<TrickleSource>(z, 3), sparse,
-                                                 inflated};
+  const std::shared_ptr<DataSource> sources[] = {sparse, inflated};
   for (const auto& source : sources) {
     DataStream s(source);
+    EXPECT_EQ(Text(s, 1), z.substr(0, 1));
+    EXPECT_TRUE(s.EndCompressedSection());
     EXPECT_FALSE(s.StartCompressedSection());
     EXPECT_FALSE(s.IsCompressed());
     EXPECT_EQ(s.ActiveDataSource(), source);
-    EXPECT_EQ(Text(s, 2), z.substr(0, 2));  // still reading the main source
+    EXPECT_EQ(Text(s, 2), z.substr(1, 2));  // still reading the main source
   }
 }
 

@@ -22,7 +22,7 @@ namespace {
 
 using namespace std::string_literals;
 
-using Kinds = ::testing::Types<MemoryKind, FileKind, CompressedKind, TrickleKind<5>>;
+using Kinds = ::testing::Types<MemoryKind, FileKind, CompressedKind, CappedMemoryKind<5>>;
 
 template <typename K>
 class LineReaderKinds : public SourceKindTest<K> {};
@@ -54,71 +54,56 @@ struct Case {
   const char* name;
   std::string bytes;
   std::vector<std::string> lines;  // as GetString() gives them
+  int limit = 0;                   // of the bytes taken; 0: none
 };
 
+// (\x61 is 'a' where a hexadecimal escape comes before it.)
 TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
-  const std::string u16Mixed =
-      "\xFF\xFE"
-      "a\0\r\0b\0\n\0\n\0\x2D\x4E\x3D\xD8\x00\xDE"s;  // a CR b, "", U+4E2D U+1F600
   const Case cases[] = {
       {"CRLF, no final end", "a\r\nb", {"a", "b"}},
       {"empty lines", "\n\n", {"", ""}},
       {"lone CR stays", "a\rb\r\nc\r", {"a\rb", "c\r"}},
       {"LF CR", "a\n\rb", {"a", "\rb"}},
       {"empty", "", {}},
-      {"UTF-8 mark",
-       "\xEF\xBB\xBF"
-       "hi\r\nthere",
-       {"hi", "there"}},
-      {"mark not at the start",
-       "x\n\xEF\xBB\xBF"
-       "y",
-       {"x",
-        "\xEF\xBB\xBF"
-        "y"}},
-      {"UTF-16LE mixed", u16Mixed, {"a\rb", "", "\xE4\xB8\xAD\xF0\x9F\x98\x80"}},
+      {"UTF-8 mark", "\xEF\xBB\xBFhi\r\nthere", {"hi", "there"}},
+      {"mark not at the start", "x\n\xEF\xBB\xBFy", {"x", "\xEF\xBB\xBFy"}},
+      // a CR b, "", U+4E2D U+1F600
+      {"UTF-16LE mixed",
+       "\xFF\xFE\x61\0\r\0b\0\n\0\n\0\x2D\x4E\x3D\xD8\x00\xDE"s,
+       {"a\rb", "", "\xE4\xB8\xAD\xF0\x9F\x98\x80"}},
       {"UTF-16BE", "\xFE\xFF\0a\0\r\0\n\0b"s, {"a", "b"}},
       // E9 as the low byte is widened to FFE9.
       {"UTF-16LE widening", "\xFF\xFE\xE9\0"s, {"\xEF\xBF\xA9"}},
       {"UTF-16BE widening", "\xFE\xFF\0\xE9"s, {"\xEF\xBF\xA9"}},
-      {"UTF-16 odd trailing byte",
-       "\xFF\xFE"
-       "a\0b"s,
-       {"a"}},
-      {"mark in 3 bytes",
-       "\xFF\xFE"
-       "a",
-       {"\xFF\xFE"
-        "a"}},
+      {"UTF-16 odd trailing byte", "\xFF\xFE\x61\0b"s, {"a"}},
+      {"mark in 3 bytes", "\xFF\xFE\x61", {"\xFF\xFE\x61"}},
       {"UTF-8 mark alone", "\xEF\xBB\xBF", {"\xEF\xBB\xBF"}},
-      {"mark in 4 bytes",
-       "\xFF\xFE"
-       "a\0"s,
-       {"a"}},
+      {"mark in 4 bytes", "\xFF\xFE\x61\0"s, {"a"}},
+      {"limit inside a line", "abcdef", {"abc"}, 3},
+      {"limit after a line end", "ab\ncd\nef", {"ab", "cd"}, 5},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     DataStream s = this->Make(c.bytes);
-    LineReader reader(&s, 0);
+    LineReader reader(&s, c.limit);
     EXPECT_EQ(reader.GetBuffer(), nullptr);
     EXPECT_EQ(ReadAll(reader), c.lines);
     EXPECT_FALSE(reader.ReadLine());
     EXPECT_EQ(reader.GetBuffer(), nullptr);
     EXPECT_EQ(reader.GetString(), "");
-    EXPECT_EQ(s.GetBytesRead(), c.bytes.size());
+    EXPECT_EQ(s.GetBytesRead(), c.limit != 0 ? static_cast<size_t>(c.limit) : c.bytes.size());
   }
 }
 
+// The second line of each is shorter than the first and ends at a CR LF or
+// at the end of the data: its terminator must overwrite what was there.
 TYPED_TEST(LineReaderKinds, BufferHoldsRawBytesOrUnits) {
-  const std::string marked[] = {
-      "\xFF\xFE\xE9\0"
-      "A\0\r\0\n\0"s,
-      "\xFE\xFF\0\xE9\0"
-      "A\0\r\0\n"s};
+  const std::string marked[] = {"\xFF\xFEx\0y\0z\0\n\0\xE9\0A\0\r\0\n\0"s,
+                                "\xFE\xFF\0x\0y\0z\0\n\0\xE9\0A"s};
   for (const std::string& bytes : marked) {
     DataStream s = this->Make(bytes);
     LineReader reader(&s, 0);
-    ASSERT_TRUE(reader.ReadLine());
+    ASSERT_TRUE(reader.ReadLine() && reader.ReadLine());
     char16_t units[3];
     std::memcpy(units, reader.GetBuffer(), sizeof units);
     EXPECT_EQ(units[0], 0xFFE9);
@@ -149,21 +134,6 @@ TYPED_TEST(LineReaderKinds, LongLinesAcrossBlocks) {
     DataStream s = this->Make("\xFF\xFE" + Utf16Le(first + "\r\n" + second + "\nd"));
     LineReader reader(&s, 0);
     EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{first, second, "d"}));
-  }
-}
-
-TYPED_TEST(LineReaderKinds, LimitCapsTheBytesTaken) {
-  {
-    DataStream s = this->Make("abcdef");
-    LineReader reader(&s, 3);
-    EXPECT_EQ(ReadAll(reader), std::vector<std::string>{"abc"});
-    EXPECT_EQ(s.GetBytesRead(), 3u);
-  }
-  {
-    DataStream s = this->Make("ab\ncd\nef");
-    LineReader reader(&s, 5);
-    EXPECT_EQ(ReadAll(reader), (std::vector<std::string>{"ab", "cd"}));
-    EXPECT_EQ(s.GetBytesRead(), 5u);
   }
 }
 
@@ -205,16 +175,9 @@ TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
   EXPECT_TRUE(std::string(reinterpret_cast<char*>(reader.GetBinBuffer()), bin.size()) == bin);
   EXPECT_EQ(s.GetBytesRead(), 7 + bin.size());
 
-  // Lines go on being read after handing the stream back.
-  DataStream lines = this->Make("l1\nl2\r\nl3");
-  LineReader again(&lines, 0);
-  ASSERT_TRUE(again.ReadLine());
-  EXPECT_TRUE(again.SeekToBufferStart());
-  EXPECT_EQ(ReadAll(again), (std::vector<std::string>{"l2", "l3"}));
-  EXPECT_EQ(lines.GetBytesRead(), 9u);
-
-  // At the end of the data (no final line feed) the stream stays at the
-  // end: a read-and-rewind loop sees each line once, then stops.
+  // Lines go on being read after handing the stream back; at the end of the
+  // data (no final line feed) the stream stays at the end: a read-and-rewind
+  // loop sees each line once, then stops.
   DataStream tail = this->Make("a\nb");
   LineReader rewinding(&tail, 0);
   std::vector<std::string> seen;
@@ -224,6 +187,18 @@ TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
   }
   EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(tail.GetPosition(), 3u);
+}
+
+// A stream that cannot go back: SeekToBufferStart says so.
+TEST(LineReaderSeek, RefusedSeekIsReported) {
+  struct NoSeek : CappedMemorySource {
+    using CappedMemorySource::CappedMemorySource;
+    int Seek(int64_t, SeekOrigin) override { return -1; }
+  };
+  DataStream s(std::make_shared<NoSeek>("a\nb\n", 100));
+  LineReader reader(&s, 0);
+  ASSERT_TRUE(reader.ReadLine());
+  EXPECT_FALSE(reader.SeekToBufferStart());
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // cases over. DataStream reads an InMemoryDataSource straight from its memory
 // and every other source through the virtual operations, so each behavioural
 // case has to hold on both roads: memory, a file, the inflated view of zlib
-// data, and sources of a user's own that hand out only a few bytes per call.
+// data, and a user's own source that hands out only a few bytes per call.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -22,53 +21,9 @@
 
 namespace oru::test {
 
-constexpr uint64_t kUnlimited = UINT64_MAX;
-
-// A user's own source over a string that hands out at most `cap` bytes per
-// GetBytes call even when more are there. Seeks follow the in-memory rules;
-// it has no compressed view.
-class TrickleSource : public DataSource {
-public:
-  TrickleSource(std::string bytes, uint64_t cap) : bytes_(std::move(bytes)), cap_(cap) {}
-
-  uint64_t GetBufferSize() const override { return bytes_.size(); }
-  uint64_t GetBytes(std::byte* dst, uint64_t count) override {
-    const uint64_t n = std::min<uint64_t>({count, cap_, bytes_.size() - pos_});
-    std::memcpy(dst, bytes_.data() + pos_, static_cast<size_t>(n));
-    pos_ += n;
-    return n;
-  }
-  int GetByte() override {
-    return pos_ < bytes_.size() ? static_cast<unsigned char>(bytes_[pos_++]) : -1;
-  }
-  uint64_t GetOffset() const override { return pos_; }
-  int Seek(int64_t offset, SeekOrigin origin) override {
-    const auto size = static_cast<int64_t>(bytes_.size());
-    if (origin < DS_SEEK_SET || origin > DS_SEEK_END) return -1;
-    const int64_t base[] = {0, static_cast<int64_t>(pos_), size};
-    const int64_t target = base[origin - DS_SEEK_SET] + offset;
-    if (target < 0 || target > size) return -1;
-    pos_ = static_cast<uint64_t>(target);
-    return 0;
-  }
-  bool IsEndOfBuffer() const override { return pos_ == bytes_.size(); }
-  uint64_t GetFileSize() const override { return bytes_.size(); }
-  std::string GetTimeStamp() const override { return {}; }
-  bool IsTempFile() const override { return false; }
-  void SetIsTempFile(bool) override {}
-  std::shared_ptr<CompressedDataSource> CompressedDataSourceFromThis(uint64_t) override {
-    return {};
-  }
-
-private:
-  std::string bytes_;
-  uint64_t cap_;
-  uint64_t pos_ = 0;
-};
-
-// A user's class derived from InMemoryDataSource that caps each GetBytes
-// call. The stream must honour the override rather than read the memory
-// block behind its back.
+// A user's class derived from InMemoryDataSource that hands out at most
+// `cap` bytes per GetBytes call even when more are there. The stream must
+// honour the override rather than read the memory block behind its back.
 class CappedMemorySource : public InMemoryDataSource {
 public:
   CappedMemorySource(std::string bytes, uint64_t cap)
@@ -84,7 +39,7 @@ private:
 // What distinguishes the kinds, as far as the stream's results go.
 struct KindTraits {
   // Most bytes one GetBytes call hands out.
-  static constexpr uint64_t kCap = kUnlimited;
+  static constexpr uint64_t kCap = UINT64_MAX;
   // IsEndOfBuffer() turns true only after a read has failed (a file).
   static constexpr bool kEndSeenLate = false;
   // IsEndOfBuffer() is false before the first read, even with no data
@@ -125,15 +80,6 @@ struct CompressedKind : KindTraits {
     DataStream stream(InMemoryDataSource::Create(Deflate(bytes, 'z'), false));
     EXPECT_TRUE(stream.StartCompressedSection());
     return stream;
-  }
-};
-
-template <uint64_t Cap>
-struct TrickleKind : KindTraits {
-  static constexpr const char* kName = "Trickle";
-  static constexpr uint64_t kCap = Cap;
-  static DataStream Make(const TempDir&, int, const std::string& bytes) {
-    return DataStream(std::make_shared<TrickleSource>(bytes, Cap));
   }
 };
 
