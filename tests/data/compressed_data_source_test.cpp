@@ -18,17 +18,8 @@
 #include "oru/file_data_source.h"
 #include "support/test_util.h"
 
-namespace oru {
+namespace oru::test {
 namespace {
-
-using test::Deflate;
-using test::HaveTool;
-using test::RandomBytes;
-using test::Read;
-using test::ReadAll;
-using test::ReadFile;
-using test::TempDir;
-using test::WriteFile;
 
 // ---- helpers ---------------------------------------------------------------------
 
@@ -475,4 +466,4 @@ TEST_P(CompressedSourceTest, PythonReadsOursAndWeReadPythons) {
 }
 
 }  // namespace
-}  // namespace oru
+}  // namespace oru::test

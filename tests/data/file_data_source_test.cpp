@@ -18,13 +18,10 @@
 #include "oru/data_source.h"
 #include "support/test_util.h"
 
-namespace oru {
+namespace oru::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::Read;
-using test::TempDir;
-using test::WriteFile;
 
 std::string ErrnoText(int error) {
   return std::strerror(error);
@@ -162,6 +159,8 @@ TEST_F(FileDataSourceTest, EndIsReportedOnlyAfterAReadFailsAndClearedBySeeks) {
   EXPECT_EQ(empty->GetByte(), -1);
   EXPECT_TRUE(empty->IsEndOfBuffer());
   EXPECT_EQ(empty->ExtractBuffer()->GetSize(), 0u);
+  WriteFile(path, "z");
+  EXPECT_EQ(FileDataSource::Create(path)->ExtractBuffer()->GetData()[0], std::byte{'z'});
 }
 
 // ---- clones ---------------------------------------------------------------
@@ -283,4 +282,4 @@ TEST(FileDataSourceFailure, DirectoryGivesNoBytes) {
 }
 
 }  // namespace
-}  // namespace oru
+}  // namespace oru::test

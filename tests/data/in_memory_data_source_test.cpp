@@ -14,10 +14,8 @@
 #include "oru/file_data_source.h"
 #include "support/test_util.h"
 
-namespace oru {
+namespace oru::test {
 namespace {
-
-using test::Read;
 
 std::string Contents(const InMemoryDataSource& src) {
   return std::string(reinterpret_cast<const char*>(src.GetDataBuffer()),
@@ -46,6 +44,7 @@ TEST(InMemoryDataSourceCreate, TakesContainersOverAndCopiesPointers) {
   auto copied = InMemoryDataSource::Create(hello, 5, false);
   hello[0] = 'J';  // the source has its own copy
   EXPECT_EQ(Contents(*copied), "hello");
+  EXPECT_EQ(Contents(*InMemoryDataSource::Create("z", 1, false)), "z");
 
   auto zeros = InMemoryDataSource::Create(uint64_t{16}, false);
   EXPECT_EQ(Contents(*zeros), std::string(16, '\0'));
@@ -120,8 +119,8 @@ TEST(SeekRules, EveryOriginAndItsLimitsInMemoryAndInAFile) {
       {0, -3, END, 7, 7},        {0, -10, END, 0, 0},    {0, 0, END, 10, 10},
       {2, -11, END, -1, -1},     {2, 1, END, -1, 11},    {2, kMin, END, -1, -1},
       {2, kMax, END, -1, kSkip}, {3, 0, BAD, -1, -1},    {3, 1, NEG, -1, -1}};
-  test::TempDir dir;
-  test::WriteFile(dir.File("ten.bin"), "0123456789");
+  TempDir dir;
+  WriteFile(dir.File("ten.bin"), "0123456789");
   const std::shared_ptr<DataSource> sources[] = {
       InMemoryDataSource::Create(std::string("0123456789"), false),
       FileDataSource::Create(dir.File("ten.bin"))};
@@ -150,6 +149,7 @@ TEST(InMemoryDataSourceClone, SharesBytesButNotThePositionOrFlags) {
   src->SetTimeStamp("1234567890");
   ASSERT_EQ(src->Seek(5, DataSource::DS_SEEK_SET), 0);
   src->RelinquishSystemResources();  // nothing to give up: the position stays
+  EXPECT_FALSE(src->IsHoldingSystemResources());
 
   auto clone = std::dynamic_pointer_cast<InMemoryDataSource>(src->Clone());
   ASSERT_NE(clone, nullptr);
@@ -183,4 +183,4 @@ TEST(InMemoryDataSourceExtractBuffer, HandsOutTheSameBytesWithoutCopying) {
 }
 
 }  // namespace
-}  // namespace oru
+}  // namespace oru::test

@@ -71,13 +71,15 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
       {"UTF-16LE mixed",
        "\xFF\xFE\x61\0\r\0b\0\n\0\n\0\x2D\x4E\x3D\xD8\x00\xDE"s,
        {"a\rb", "", "\xE4\xB8\xAD\xF0\x9F\x98\x80"}},
-      {"UTF-16BE", "\xFE\xFF\0a\0\r\0\n\0b"s, {"a", "b"}},
+      {"UTF-16BE", "\xFE\xFF\0\r\0\n\0a\0\r\0\n\0b"s, {"", "a", "b"}},
       // E9 as the low byte is widened to FFE9.
       {"UTF-16LE widening", "\xFF\xFE\xE9\0"s, {"\xEF\xBF\xA9"}},
       {"UTF-16BE widening", "\xFE\xFF\0\xE9"s, {"\xEF\xBF\xA9"}},
       {"UTF-16 odd trailing byte", "\xFF\xFE\x61\0b"s, {"a"}},
       {"mark in 3 bytes", "\xFF\xFE\x61", {"\xFF\xFE\x61"}},
       {"UTF-8 mark alone", "\xEF\xBB\xBF", {"\xEF\xBB\xBF"}},
+      {"half a UTF-8 mark", "\xFF\xBB\xBFz", {"\xFF\xBB\xBFz"}},
+      {"a UTF-16 mark a byte late", "x\xFF\xFEz", {"x\xFF\xFEz"}},
       {"mark in 4 bytes", "\xFF\xFE\x61\0"s, {"a"}},
       {"limit inside a line", "abcdef", {"abc"}, 3},
       {"limit after a line end", "ab\ncd\nef", {"ab", "cd"}, 5},
@@ -114,13 +116,16 @@ TYPED_TEST(LineReaderKinds, BufferHoldsRawBytesOrUnits) {
 
 TYPED_TEST(LineReaderKinds, LongLinesAcrossBlocks) {
   {
-    // The CR LF straddles the first 4 KiB block; the second line outgrows
-    // the line buffer several times, the third follows a shrink.
-    const std::string first = Letters(4095, 'a'), second = Letters(20000, 'A');
-    DataStream s = this->Make(first + "\r\n" + second + "\ntail");
+    // The first 4 KiB block ends in the CR of an empty line whose LF starts
+    // the next; the line after outgrows the line buffer several times, the
+    // last follows a shrink.
+    const std::string first = Letters(4094, 'a'), second = Letters(20000, 'A');
+    DataStream s = this->Make(first + "\n\r\n" + second + "\ntail");
     LineReader reader(&s, 0);
     ASSERT_TRUE(reader.ReadLine());
     EXPECT_EQ(reader.GetString(), first);
+    ASSERT_TRUE(reader.ReadLine());
+    EXPECT_EQ(reader.GetString(), "");
     ASSERT_TRUE(reader.ReadLine());
     EXPECT_EQ(std::strlen(reader.GetBuffer()), second.size());
     EXPECT_EQ(reader.GetString(), second);
@@ -148,12 +153,13 @@ TYPED_TEST(LineReaderKinds, ReadBinary) {
   EXPECT_EQ(reader.GetBinBuffer(), nullptr);
   ASSERT_TRUE(reader.ReadLine());
   EXPECT_EQ(reader.GetString(), "head");
-  ASSERT_EQ(reader.ReadBinary(10), 10u);
-  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data(), 10), 0);
-  EXPECT_EQ(reader.GetBinBuffer()[10], 0);
-  ASSERT_EQ(reader.ReadBinary(100000), 5990u);
-  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data() + 10, 5990), 0);
-  EXPECT_EQ(reader.GetBinBuffer()[5990], 0);
+  // Shorter than the line before it, so the zero after it must be written.
+  ASSERT_EQ(reader.ReadBinary(2), 2u);
+  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data(), 2), 0);
+  EXPECT_EQ(reader.GetBinBuffer()[2], 0);
+  ASSERT_EQ(reader.ReadBinary(100000), 5998u);
+  EXPECT_EQ(std::memcmp(reader.GetBinBuffer(), bin.data() + 2, 5998), 0);
+  EXPECT_EQ(reader.GetBinBuffer()[5998], 0);
   EXPECT_EQ(reader.ReadBinary(5), 0u);
   EXPECT_FALSE(reader.ReadLine());
 }
@@ -180,6 +186,7 @@ TYPED_TEST(LineReaderKinds, SeekToBufferStartReadsAheadFromTheFirstUnusedByte) {
   // loop sees each line once, then stops.
   DataStream tail = this->Make("a\nb");
   LineReader rewinding(&tail, 0);
+  EXPECT_TRUE(rewinding.SeekToBufferStart());  // nothing read yet: the stream stays at 0
   std::vector<std::string> seen;
   for (int i = 0; i < 5 && rewinding.ReadLine(); ++i) {
     seen.push_back(rewinding.GetString());
