@@ -304,12 +304,12 @@ TEST(DataStreamCompressedSection, ReadsTheSectionAndReturns) {
       {"memory", InMemoryDataSource::Create("HDR:" + z + "TAIL", false), text, z.size()},
       {"file, gzip", FileDataSource::Create(dir.File("g.bin")), big, 0},
       // A user's class derived from the in-memory source has the view too.
-      {"derived memory", std::make_shared<CappedMemorySource>("HDR:" + z + "TAIL", 4), text, 0},
+      {"derived memory", std::make_shared<CappedMemorySource>("HDR:" + z + "TAIL", 3), text, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     DataStream s(c.main);
-    EXPECT_EQ(Text(s, 4), "HDR:");
+    ASSERT_TRUE(s.SkipBytes(4));
     EXPECT_FALSE(s.IsCompressed());
     ASSERT_TRUE(s.StartCompressedSection(c.length));
     EXPECT_TRUE(s.IsCompressed());
@@ -328,7 +328,13 @@ TEST(DataStreamCompressedSection, ReadsTheSectionAndReturns) {
       // The in-memory kind leaves the main position where the zlib data starts.
       EXPECT_EQ(s.GetPosition(), 4u);
       ASSERT_TRUE(s.SkipBytes(z.size()));
-      EXPECT_EQ(Text(s, 10), "TAIL");
+      // Back on the main source, a user's source is read element by element
+      // again in the other byte order, three bytes per call or not.
+      s.SetSrcEndianess(BigEndian);
+      uint16_t tail[2] = {};
+      EXPECT_TRUE(s.Read(tail, 2));
+      EXPECT_EQ(tail[0], 0x5441);  // "TA"
+      EXPECT_EQ(tail[1], 0x494C);  // "IL"
     }
     ASSERT_TRUE(s.Rewind());
     EXPECT_EQ(Text(s, 3), "HDR");
