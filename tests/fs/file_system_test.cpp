@@ -21,44 +21,63 @@ namespace {
 
 namespace stdfs = std::filesystem;
 using test::ReadFile;
-using test::TempDir;
 using test::WriteFile;
+
+bool Exists(const std::string& path) {
+  return stdfs::exists(stdfs::u8path(path));
+}
+
+// Records how an asynchronous operation of either kind ended.
+struct Outcome : FileSystem::Callback, FileSystem::DirCallback {
+  int calls = 0;
+  bool ok = false;
+  void OnComplete(bool success) override { ++calls, ok = success; }
+  void OnDirReady(bool success) override { ++calls, ok = success; }
+};
 
 class FileSystemTest : public ::testing::Test {
 protected:
   std::shared_ptr<FileSystem> fs = CreateNativeFileSystem();
-  TempDir tmp;
+  test::TempDir tmp;
   const char sep = fs->GetDirSeparator();
-
   // A directory whose name is not ASCII, to carry every test's files.
-  std::string Dir() {
-    std::string dir = tmp.File("données-日本");
-    stdfs::create_directories(stdfs::u8path(dir));
-    return dir;
-  }
-  std::string PathIn(const std::string& dir, const std::string& name) { return dir + sep + name; }
+  const std::string dir = tmp.File("données-日本");
+  const bool dirMade = stdfs::create_directories(stdfs::u8path(dir));
 
-  struct Ready : FileSystem::DirCallback {
-    int calls = 0;
-    bool success = false;
-    void OnDirReady(bool ok) override { ++calls, success = ok; }
-  };
+  std::string In(const std::string& name) { return dir + sep + name; }
+  // The directory InitDirToUse reports, empty when it fails.
+  std::string InitDir(const std::string& name) {
+    auto cb = std::make_shared<Outcome>();
+    fs->InitDirToUse(name.c_str(), cb);
+    EXPECT_EQ(1, cb->calls);
+    EXPECT_EQ(cb->ok, !cb->dir.empty()) << cb->dir;
+    return cb->dir;
+  }
 };
 
-TEST_F(FileSystemTest, SeparatorMatchesThePlatform) {
-  EXPECT_EQ('\\', WinFileSystem::Create()->GetDirSeparator());
-  EXPECT_EQ('/', PosixFileSystem::Create()->GetDirSeparator());
-#ifdef _WIN32
-  EXPECT_EQ('\\', sep);
-#else
-  EXPECT_EQ('/', sep);
-#endif
-}
-
-TEST_F(FileSystemTest, OpenFailsWithoutTouchingAnything) {
+TEST_F(FileSystemTest, WhatIsNotThereFailsWithoutBeingMade) {
+  const std::string missing = In("missing"), noDir = In("no-such-dir");
   EXPECT_EQ(nullptr, fs->Fopen(nullptr, "rb"));
-  EXPECT_EQ(nullptr, fs->Fopen(PathIn(Dir(), "missing").c_str(), "rb"));
-  EXPECT_FALSE(stdfs::exists(stdfs::u8path(PathIn(Dir(), "missing"))));
+  EXPECT_EQ(nullptr, fs->Fopen(missing.c_str(), "rb"));
+  EXPECT_EQ(nullptr, fs->GetDS(nullptr));
+  FileStat untouched;
+  untouched.size = 99;
+  EXPECT_FALSE(fs->Stat(missing.c_str(), untouched));
+  EXPECT_EQ(99u, untouched.size);
+  EXPECT_EQ(0u, fs->TouchFile(missing.c_str()));
+  EXPECT_EQ(-1, fs->Unlink(missing.c_str()));
+  std::unordered_set<std::string> listed = {"already"};
+  fs->FilesInDir(missing.c_str(), listed);
+  EXPECT_EQ(std::unordered_set<std::string>{"already"}, listed);
+  // A temporary file in a directory that does not exist: the name is found,
+  // the open fails, and the counter has moved on all the same.
+  int counter = 0;
+  std::string path;
+  EXPECT_EQ(nullptr, fs->CreateAndOpenTempFile(noDir.c_str(), "", counter, path));
+  EXPECT_EQ(noDir + sep + "0", path);
+  EXPECT_EQ(1, counter);
+  EXPECT_TRUE(stdfs::is_empty(stdfs::u8path(dir)));
+
   // Handle operations on no file are harmless and report failure.
   std::shared_ptr<FSFilePointer> none;
   std::string text = "kept";
@@ -69,10 +88,17 @@ TEST_F(FileSystemTest, OpenFailsWithoutTouchingAnything) {
   EXPECT_EQ("", fs->ReadLine(none));
   fs->Fwrite(&byte, 1, none);
   fs->Fclose(none);
+  auto src = InMemoryDataSource::Create(std::string("abc"), false);
+  src->Seek(1, DS_SEEK_SET);
+  auto cb = std::make_shared<Outcome>();
+  fs->WriteAndCloseAsync(src, none, cb);
+  EXPECT_EQ(1, cb->calls);
+  EXPECT_FALSE(cb->ok);
+  EXPECT_EQ(1u, src->GetOffset());  // untouched without a file
 }
 
 TEST_F(FileSystemTest, WritesAndReadsLinesKeepingCarriageReturns) {
-  const std::string path = PathIn(Dir(), "lines-é.txt");
+  const std::string path = In("lines-é.txt");
   auto out = fs->Fopen(path.c_str(), "wb");
   ASSERT_NE(nullptr, out);
   std::string text = "ab\r\n";
@@ -85,55 +111,37 @@ TEST_F(FileSystemTest, WritesAndReadsLinesKeepingCarriageReturns) {
 
   auto in = fs->Fopen(path.c_str(), "rb");
   ASSERT_NE(nullptr, in);
-  EXPECT_EQ("ab\r", fs->ReadLine(in));
-  EXPECT_EQ("cd", fs->ReadLine(in));
-  EXPECT_EQ("", fs->ReadLine(in));
-  EXPECT_EQ("", fs->ReadLine(in));
+  for (const char* line : {"ab\r", "cd", "", ""}) EXPECT_EQ(line, fs->ReadLine(in));
   fs->Fclose(in);
 }
 
 TEST_F(FileSystemTest, TempFilesTakeTheFirstFreeNumber) {
-  const std::string dir = Dir();
-  WriteFile(PathIn(dir, "5"), "x");
-  WriteFile(PathIn(dir, "6"), "y");
+  WriteFile(In("5"), "x");
+  WriteFile(In("6"), "y");
   int counter = 5;
   std::string path;
   auto fp = fs->CreateAndOpenTempFile(dir.c_str(), "ignored", counter, path);
   ASSERT_NE(nullptr, fp);
-  EXPECT_EQ(PathIn(dir, "7"), path);
+  EXPECT_EQ(In("7"), path);
   EXPECT_EQ(8, counter);
   fs->Fwrite("data", 4, fp);
   fs->Fclose(fp);
   EXPECT_EQ("data", ReadFile(path));
-  EXPECT_EQ("x", ReadFile(PathIn(dir, "5")));  // existing files untouched
-
-  // A directory that does not exist: the name is found, the open fails,
-  // and the counter has moved on all the same.
-  counter = 0;
-  const std::string missing = PathIn(dir, "no-such-dir");
-  EXPECT_EQ(nullptr, fs->CreateAndOpenTempFile(missing.c_str(), "", counter, path));
-  EXPECT_EQ(PathIn(missing, "0"), path);
-  EXPECT_EQ(1, counter);
+  EXPECT_EQ("x", ReadFile(In("5")));  // existing files untouched
 }
 
 TEST_F(FileSystemTest, ListsEntriesButNotDotAndDotDot) {
-  const std::string dir = Dir();
-  WriteFile(PathIn(dir, "a.txt"), "a");
-  WriteFile(PathIn(dir, "ü.bin"), "u");
-  stdfs::create_directory(stdfs::u8path(PathIn(dir, "sub")));
-  WriteFile(PathIn(PathIn(dir, "sub"), "deep"), "d");
+  WriteFile(In("a.txt"), "a");
+  WriteFile(In("ü.bin"), "u");
+  stdfs::create_directory(stdfs::u8path(In("sub")));
+  WriteFile(In("sub") + sep + "deep", "d");
   std::unordered_set<std::string> out = {"already"};
   fs->FilesInDir(dir.c_str(), out);
-  EXPECT_EQ((std::unordered_set<std::string>{"already", PathIn(dir, "a.txt"), PathIn(dir, "ü.bin"),
-                                             PathIn(dir, "sub")}),
-            out);
-  const std::string missing = PathIn(dir, "missing");
-  fs->FilesInDir(missing.c_str(), out);
-  EXPECT_EQ(4u, out.size());
+  EXPECT_EQ((std::unordered_set<std::string>{"already", In("a.txt"), In("ü.bin"), In("sub")}), out);
 }
 
 TEST_F(FileSystemTest, StatTouchAndUnlink) {
-  const std::string path = PathIn(Dir(), "ファイル");
+  const std::string path = In("ファイル");
   WriteFile(path, std::string(1234, 'z'));
   const auto old = stdfs::last_write_time(stdfs::u8path(path)) - std::chrono::hours(48);
   stdfs::last_write_time(stdfs::u8path(path), old);
@@ -149,91 +157,53 @@ TEST_F(FileSystemTest, StatTouchAndUnlink) {
 
   const uint64_t touched = fs->TouchFile(path.c_str());
   EXPECT_NEAR(static_cast<double>(now), static_cast<double>(touched), 5.0);
-  FileStat after;
-  ASSERT_TRUE(fs->Stat(path.c_str(), after));
-  EXPECT_EQ(static_cast<int64_t>(touched), after.modifyTime);
-
-  FileStat untouched;
-  untouched.size = 99;
-  const std::string missing = PathIn(Dir(), "missing");
-  EXPECT_FALSE(fs->Stat(missing.c_str(), untouched));
-  EXPECT_EQ(99u, untouched.size);
-  EXPECT_EQ(0u, fs->TouchFile(missing.c_str()));
-  EXPECT_FALSE(stdfs::exists(stdfs::u8path(missing)));
-
+  ASSERT_TRUE(fs->Stat(path.c_str(), st));
+  EXPECT_EQ(static_cast<int64_t>(touched), st.modifyTime);
   EXPECT_EQ(0, fs->Unlink(path.c_str()));
-  EXPECT_EQ(-1, fs->Unlink(path.c_str()));
+  EXPECT_FALSE(Exists(path));
 }
 
 TEST_F(FileSystemTest, CopiesASourceIntoAFileAndRewindsIt) {
   const std::string bytes = test::RandomBytes(10000, 3);
   auto src = InMemoryDataSource::Create(std::string(bytes), false);
   src->Seek(123, DS_SEEK_SET);
-
-  struct Result : FileSystem::Callback {
-    int calls = 0;
-    bool success = false;
-    void OnComplete(bool ok) override { ++calls, success = ok; }
-  };
-  auto cb = std::make_shared<Result>();
-  fs->WriteAndCloseAsync(src, nullptr, cb);
-  EXPECT_EQ(1, cb->calls);
-  EXPECT_FALSE(cb->success);
-  EXPECT_EQ(123u, src->GetOffset());  // untouched without a file
-
-  const std::string path = PathIn(Dir(), "copy");
-  cb = std::make_shared<Result>();
+  const std::string path = In("copy");
+  auto cb = std::make_shared<Outcome>();
   fs->WriteAndCloseAsync(src, fs->Fopen(path.c_str(), "wb"), cb);
   EXPECT_EQ(1, cb->calls);
-  EXPECT_TRUE(cb->success);
+  EXPECT_TRUE(cb->ok);
   EXPECT_EQ(0u, src->GetOffset());
   EXPECT_EQ(bytes, ReadFile(path));
   EXPECT_EQ(bytes, test::Contents(fs->GetDS(path.c_str())));
-  EXPECT_EQ(nullptr, fs->GetDS(nullptr));
-}
 
-TEST_F(FileSystemTest, DownloadOfALocalFileReportsSuccessAndCreatesNothing) {
-  struct Result : FileSystem::Callback {
-    int calls = 0;
-    void OnComplete(bool ok) override { calls += ok ? 1 : 100; }
-  };
-  auto cb = std::make_shared<Result>();
-  const std::string local = PathIn(Dir(), "local");
-  fs->AsyncDownloadFile("http://example.com/x", local.c_str(), cb);
+  // A download of a local file: success, and nothing is made.
+  cb = std::make_shared<Outcome>();
+  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), cb);
   EXPECT_EQ(1, cb->calls);
-  EXPECT_FALSE(stdfs::exists(stdfs::u8path(local)));
-  fs->AsyncDownloadFile("http://example.com/x", local.c_str(), nullptr);
+  EXPECT_TRUE(cb->ok);
+  EXPECT_FALSE(Exists(In("local")));
+  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), nullptr);
 }
 
 TEST_F(FileSystemTest, PreparesItsWorkingDirectoryInTheWorkingArea) {
-  test::ScopedTempArea area(Dir());
-  auto cb = std::make_shared<Ready>();
-  fs->InitDirToUse("Cache-ß", cb);
-  EXPECT_EQ(1, cb->calls);
-  ASSERT_TRUE(cb->success);
-  EXPECT_EQ(PathIn(Dir(), "Cache-ß"), cb->dir);
-  EXPECT_TRUE(stdfs::is_directory(stdfs::u8path(cb->dir)));
+  EXPECT_EQ('\\', WinFileSystem::Create()->GetDirSeparator());
+  EXPECT_EQ('/', PosixFileSystem::Create()->GetDirSeparator());
+  EXPECT_EQ(static_cast<char>(stdfs::path::preferred_separator), sep);
 
-  // Again: it exists now, which is fine.
-  cb = std::make_shared<Ready>();
-  fs->InitDirToUse("Cache-ß", cb);
-  EXPECT_TRUE(cb->success);
-
+  test::ScopedTempArea area(dir);
+  EXPECT_EQ(In("Cache-ß"), InitDir("Cache-ß"));
+  EXPECT_TRUE(stdfs::is_directory(stdfs::u8path(In("Cache-ß"))));
+  EXPECT_EQ(In("Cache-ß"), InitDir("Cache-ß"));  // it exists now, which is fine
   // Only the last level is created: a missing parent fails.
-  cb = std::make_shared<Ready>();
-  const std::string nested = std::string("missing") + sep + "leaf";
-  fs->InitDirToUse(nested.c_str(), cb);
-  EXPECT_EQ(1, cb->calls);
-  EXPECT_FALSE(cb->success);
-  EXPECT_EQ("", cb->dir);
+  EXPECT_EQ("", InitDir(std::string("missing") + sep + "leaf"));
 }
 
 #ifndef _WIN32
 TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
   // Where the working area lies, and what in its place is refused because
   // another user could have planted it there.
-  const std::string base = PathIn(Dir(), "base"), home = PathIn(Dir(), "home");
-  const std::string own = PathIn(Dir(), "oru-" + std::to_string(geteuid()));
+  const std::string base = In("base"), home = In("home");
+  const std::string own = In("oru-" + std::to_string(geteuid()));
   const std::string saved[] = {test::GetEnv("XDG_CACHE_HOME"), test::GetEnv("HOME"),
                                test::GetEnv("TMPDIR")};
   const auto mkdirMode = [](const std::string& at, mode_t mode) {
@@ -244,29 +214,26 @@ TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
     std::function<void(const std::string& dir)> plant;
     std::string dir;  // empty: refused
   } cases[] = {
-      {"base/x", "", [](auto&) {}, PathIn(base, "x/QD")},
-      {"base", "", [&](auto& at) { mkdirMode(at, 0755); }, PathIn(base, "QD")},
+      {"base/x", "", [](auto&) {}, base + "/x/QD"},
+      {"base", "", [&](auto& at) { mkdirMode(at, 0755); }, base + "/QD"},
       {"base", "", [&](auto& at) { symlink(home.c_str(), at.c_str()); }, ""},
       {"base", "", [](auto& at) { WriteFile(at, "x"); }, ""},
       {"base", "", [&](auto& at) { mkdirMode(at, 0777); }, ""},
       {"base", "", [&](auto& at) { mkdirMode(at, 0770); }, ""},
       {"base", "", [&](auto& at) { mkdirMode(at, 0700), (void)chown(at.c_str(), 65534, 65534); },
-       geteuid() == 0 ? "" : PathIn(base, "QD")},
-      {"relative", "home", [](auto&) {}, PathIn(home, ".cache/QD")},
-      {"", "", [](auto&) {}, PathIn(own, "QD")},
+       geteuid() == 0 ? "" : base + "/QD"},
+      {"relative", "home", [](auto&) {}, home + "/.cache/QD"},
+      {"", "", [](auto&) {}, own + "/QD"},
       {"", "", [&](auto&) { mkdirMode(own, 0777); }, ""},
   };
   for (const auto& c : cases) {
     stdfs::remove_all(base), stdfs::remove_all(own), stdfs::remove_all(home);
     stdfs::create_directories(base), stdfs::create_directories(home);
-    test::SetEnv("XDG_CACHE_HOME", *c.xdg == 'b' ? PathIn(Dir(), c.xdg) : c.xdg);
+    test::SetEnv("XDG_CACHE_HOME", *c.xdg == 'b' ? In(c.xdg) : c.xdg);
     test::SetEnv("HOME", *c.home ? home : "");
-    test::SetEnv("TMPDIR", Dir());
-    c.plant(PathIn(base, "QD"));
-    auto cb = std::make_shared<Ready>();
-    fs->InitDirToUse("QD", cb);
-    EXPECT_EQ(c.dir, cb->dir) << c.xdg << " " << c.dir;
-    EXPECT_EQ(!c.dir.empty(), cb->success);
+    test::SetEnv("TMPDIR", dir);
+    c.plant(base + "/QD");
+    EXPECT_EQ(c.dir, InitDir("QD")) << c.xdg << " " << c.dir;
     struct stat st {};
     if (!c.dir.empty()) EXPECT_TRUE(lstat(c.dir.c_str(), &st) == 0 && (st.st_mode & 022) == 0);
   }
@@ -276,14 +243,13 @@ TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
 #endif
 
 TEST_F(FileSystemTest, ReplacesAFileInOneStep) {
-  const std::string dir = Dir();
-  WriteFile(PathIn(dir, "target"), "old");
-  WriteFile(PathIn(dir, "fresh"), "new");
-  EXPECT_TRUE(fs->ReplaceFile(PathIn(dir, "fresh").c_str(), PathIn(dir, "target").c_str()));
-  EXPECT_EQ("new", ReadFile(PathIn(dir, "target")));
-  EXPECT_FALSE(stdfs::exists(stdfs::u8path(PathIn(dir, "fresh"))));
-  EXPECT_FALSE(fs->ReplaceFile(PathIn(dir, "gone").c_str(), PathIn(dir, "target").c_str()));
-  EXPECT_EQ("new", ReadFile(PathIn(dir, "target")));
+  WriteFile(In("target"), "old");
+  WriteFile(In("fresh"), "new");
+  EXPECT_TRUE(fs->ReplaceFile(In("fresh").c_str(), In("target").c_str()));
+  EXPECT_EQ("new", ReadFile(In("target")));
+  EXPECT_FALSE(Exists(In("fresh")));
+  EXPECT_FALSE(fs->ReplaceFile(In("gone").c_str(), In("target").c_str()));
+  EXPECT_EQ("new", ReadFile(In("target")));
 }
 
 }  // namespace
