@@ -46,7 +46,8 @@ TEST(Zipper, PlainAndCompressedSectionsRoundTrip) {
   Zipper z;
   ASSERT_TRUE(Add(z, before));
   ASSERT_TRUE(z.StartCompressedSection(6));
-  EXPECT_EQ(z.GetDSForBuffer(), nullptr);  // not while a section is open
+  EXPECT_FALSE(z.StartCompressedSection(6));  // one section at a time
+  EXPECT_EQ(z.GetDSForBuffer(), nullptr);     // not while a section is open
   // Pieces smaller and larger than the 16 KiB staging block.
   ASSERT_TRUE(Add(z, payload.substr(0, 100)));
   ASSERT_TRUE(Add(z, payload.substr(100, 40000)));
@@ -133,6 +134,19 @@ std::shared_ptr<DataSource> Src(const std::string& s) {
   return InMemoryDataSource::Create(std::string(s), false);
 }
 
+// A source of 4 GiB, more than a member's 32-bit size fields can hold.
+class HugeSource : public InMemoryDataSource {
+public:
+  HugeSource() : InMemoryDataSource(std::string("x"), false) {}
+  std::shared_ptr<Buffer> ExtractBuffer() override {
+    struct Huge : Buffer {
+      uint64_t GetSize() const override { return uint64_t{1} << 32; }
+      const std::byte* GetData() const override { return reinterpret_cast<const std::byte*>("x"); }
+    };
+    return std::make_shared<Huge>();
+  }
+};
+
 TEST(ZipWriter, ArchivesPassOutsideCheckersAndStoreListedExtensions) {
   const std::string text(50000, 't');
   const std::string binary = RandomBytes(20000, 7);
@@ -175,6 +189,7 @@ TEST(ZipWriter, RefusalsAndStartingOver) {
   EXPECT_FALSE(writer.AddFile(nullptr, "a"));
   EXPECT_FALSE(writer.AddFile(Src("x"), ""));
   EXPECT_FALSE(writer.AddFile(Src("x"), std::string(65536, 'n')));
+  EXPECT_FALSE(writer.AddFile(std::make_shared<HugeSource>(), "huge"));
   EXPECT_TRUE(writer.AddFile(Src("x"), std::string(65535, 'n')));
   const std::string first = Contents(writer.GetDSForBuffer());
   ASSERT_TRUE(writer.AddFile(Src("second"), "b.txt"));
