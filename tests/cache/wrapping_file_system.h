@@ -1,5 +1,6 @@
 // A file system for the cache tests: the native one, which also records the
-// operations it is asked for and can
+// calls that begin every way the cache can touch a file (Stat, Unlink,
+// CreateAndOpenTempFile, ReplaceFile, the asynchronous ones and Sync) and can
 //   - fail InitDirToUse,
 //   - refuse ReplaceFile, as file systems written before it existed do, and
 //   - hold back the completion of InitDirToUse, AsyncDownloadFile and
@@ -27,7 +28,7 @@ public:
   using Base = NativeFileSystem;
   bool failInitDir = false, deferCallbacks = false, replaceSupported = true;
   int pumps = 0;
-  // "InitDirToUse <name>", "Unlink", "Fopen", ... in call order.
+  // "InitDirToUse <name>", "Stat", "Unlink", ... in call order.
   std::vector<std::string> calls;
 
   size_t Pending() const { return m_pending.size(); }
@@ -57,19 +58,10 @@ public:
   bool ReplaceFile(char const* from, char const* to) override {
     return Log("ReplaceFile", replaceSupported && Base::ReplaceFile(from, to));
   }
-  // The other operations that touch files are only recorded.
+  // Recorded only. The cache reads, lists and opens files only after one of
+  // these (or a completion above), so they need no record of their own.
   void Sync() override { calls.push_back("Sync"); }
-  void FilesInDir(char const* dir, std::unordered_set<std::string>& out) override {
-    calls.push_back("FilesInDir");
-    Base::FilesInDir(dir, out);
-  }
   int Unlink(char const* path) override { return Log("Unlink", Base::Unlink(path)); }
-  std::shared_ptr<DataSource> GetDS(char const* path) override {
-    return Log("GetDS", Base::GetDS(path));
-  }
-  std::shared_ptr<FSFilePointer> Fopen(char const* path, char const* mode) override {
-    return Log("Fopen", Base::Fopen(path, mode));
-  }
   bool Stat(char const* path, FileStat& out) override { return Log("Stat", Base::Stat(path, out)); }
   std::shared_ptr<FSFilePointer> CreateAndOpenTempFile(char const* dir, char const* ignored,
                                                        int& counter, std::string& path) override {
