@@ -26,10 +26,11 @@
 // - With an indent step of 0 nothing but the tokens is written: {"a":1}.
 //   Otherwise each item goes on its own line, names are followed by " : "
 //   and an empty object or array stays "{}" or "[]". SetCompactPrettyPrint
-//   keeps a part of a pretty document on one line: "[ 1,  2,  3 ]" (the
-//   space after brackets and the double space after commas are kept on
-//   purpose: the separator's space plus the space that replaces the line
-//   break).
+//   keeps a part of a pretty document on one line: "[ 1,  2,  3 ]". The
+//   space after brackets and the double space after commas (the separator's
+//   space plus the space that replaces the line break) stay as they are:
+//   documents already written this way are compared byte for byte by the
+//   programs that read them.
 // - Strings are written as UTF-8 bytes unchanged except for the quotation
 //   mark, the backslash and bytes below 0x20 (\b \f \n \r \t, else \u00XX).
 // - Integers are plain decimal. Doubles of magnitude 1e-7 or more are written
