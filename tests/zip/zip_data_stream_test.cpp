@@ -47,6 +47,10 @@ std::string MakeArchive(const std::map<std::string, std::string>& members) {
   return Contents(writer.GetDSForBuffer());
 }
 
+std::shared_ptr<ZipDataStream> Open(std::string bytes) {
+  return ZipDataStream::Create(InMemoryDataSource::Create(std::move(bytes), false));
+}
+
 // Archive bytes with little-endian field access, to edit archives the way a
 // hostile or foreign writer would.
 struct ZipBytes {
@@ -109,48 +113,30 @@ TEST(ZipDataStreamTools, MembersMadeByTheZipToolReadBackExactly) {
   EXPECT_EQ(Contents(archive->GetDataSourceForFile("mixed case.txt")), "case");
 }
 
-TEST(ZipDataStreamTools, PythonZip64WithMoreThan65535Members) {
+TEST(ZipDataStreamTools, ArchivesFromPython) {
   if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
   TempDir dir;
-  const std::string zip = dir.File("many.zip");
-  ASSERT_EQ(
-      oru::test::Run("python3 -c \"import zipfile\n"
-                     "with zipfile.ZipFile('" +
-                     zip +
-                     "', 'w', zipfile.ZIP_STORED) as z:\n"
-                     "    for i in range(70000): z.writestr('m/%d.txt' % i, 'member %d' % i)\""),
-      0);
-  auto archive = ZipDataStream::Create(FileDataSource::Create(zip));
-  ASSERT_TRUE(archive->IsValid());
-  std::vector<std::string> names;
-  ASSERT_TRUE(archive->ListContents(&names));
-  EXPECT_EQ(names.size(), 70000u);
-  for (int i : {0, 1, 65535, 65536, 69999})
-    EXPECT_EQ(Contents(archive->GetDataSourceForFile("m/" + std::to_string(i) + ".txt")),
-              "member " + std::to_string(i));
-  EXPECT_EQ(archive->GetDataSourceForFile("m/70000.txt"), nullptr);
-}
-
-TEST(ZipDataStreamTools, Zip64SizesFromPython) {
-  if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
-  TempDir dir;
-  // Per method: sizes in the local header's Zip64 field (zipfile's
-  // force_zip64), then also in the central records' (as streaming writers
-  // do), then a central record that declares 5 GiB for 120 bytes.
-  WriteFile(dir.File("make.py"), R"(import io, struct, sys, zipfile
+  // many.zip: Zip64, for more than 65535 members. odd.zip: two names that
+  // differ in case, and one longer than the name buffer. Then per method:
+  // sizes in the local header's Zip64 field (zipfile's force_zip64), then
+  // also in the central records' (as streaming writers do), then a central
+  // record that declares 5 GiB for 120 bytes.
+  ASSERT_EQ(RunPython(R"(import io, struct, sys, zipfile
+def at(name): return sys.argv[1] + '/' + name
+with zipfile.ZipFile(at('many.zip'), 'w', zipfile.ZIP_STORED) as z:
+    for i in range(70000): z.writestr('m/%d.txt' % i, 'member %d' % i)
+with zipfile.ZipFile(at('odd.zip'), 'w', zipfile.ZIP_DEFLATED) as z:
+    z.writestr('dup.txt', 'first'); z.writestr('DUP.txt', 'second'); z.writestr('n' * 3000, 'long')
 def zip64_central(data, declared):
     end = data.rfind(b'PK\x05\x06')
-    start = struct.unpack_from('<I', data, end + 16)[0]
-    out, p = b'', start
+    start = p = struct.unpack_from('<I', data, end + 16)[0]
+    out = b''
     while data[p:p + 4] == b'PK\x01\x02':
         head = bytearray(data[p:p + 46])
-        n, e, c = struct.unpack_from('<HHH', head, 28)
-        packed, size = struct.unpack_from('<II', head, 20)
-        struct.pack_into('<IIH', head, 20, 0xFFFFFFFF, 0xFFFFFFFF, n)
-        struct.pack_into('<H', head, 30, e + 20)
-        body = data[p + 46:p + 46 + n + e]
-        out += bytes(head) + body + struct.pack('<HHQQ', 1, 16, declared or size, packed)
-        out += data[p + 46 + n + e:p + 46 + n + e + c]
+        packed, size, n, e, c = struct.unpack_from('<IIHHH', head, 20)
+        struct.pack_into('<IIHH', head, 20, 0xFFFFFFFF, 0xFFFFFFFF, n, e + 20)
+        body, comment = data[p + 46:p + 46 + n + e], data[p + 46 + n + e:p + 46 + n + e + c]
+        out += bytes(head) + body + struct.pack('<HHQQ', 1, 16, declared or size, packed) + comment
         p += 46 + n + e + c
     tail = bytearray(data[end:end + 22])
     struct.pack_into('<I', tail, 12, len(out))
@@ -163,11 +149,32 @@ for tag, method in (('s', zipfile.ZIP_STORED), ('d', zipfile.ZIP_DEFLATED)):
         z.writestr('b.txt', b'hello')
     for i, data in enumerate((b.getvalue(), zip64_central(b.getvalue(), 0),
                               zip64_central(b.getvalue(), 5 << 30))):
-        open(sys.argv[1] + '/' + tag + str(i) + '.zip', 'wb').write(data)
-)");
-  ASSERT_EQ(oru::test::Run("python3 '" + dir.File("make.py") + "' '" + dir.File("") + "'"), 0);
+        open(at(tag + str(i) + '.zip'), 'wb').write(data)
+)",
+                      {dir.File("")}),
+            0);
+  auto open = [&](const std::string& name) {
+    return ZipDataStream::Create(FileDataSource::Create(dir.File(name) + ".zip"));
+  };
+  auto archive = open("many");
+  std::vector<std::string> names;
+  ASSERT_TRUE(archive->ListContents(&names));
+  EXPECT_EQ(names.size(), 70000u);
+  for (int i : {0, 1, 65535, 65536, 69999})
+    EXPECT_EQ(Contents(archive->GetDataSourceForFile("m/" + std::to_string(i) + ".txt")),
+              "member " + std::to_string(i));
+  EXPECT_EQ(archive->GetDataSourceForFile("m/70000.txt"), nullptr);
+
+  archive = open("odd");
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile("dup.txt")), "first");
+  names.clear();
+  ASSERT_TRUE(archive->ListContents(&names));
+  ASSERT_EQ(names.size(), 3u);
+  EXPECT_EQ(names[2], std::string(2048, 'n'));  // cut at the name buffer
+  EXPECT_EQ(Contents(archive->GetDataSourceForFile(std::string(2048, 'n'))), "long");
+
   for (const char* name : {"s0", "s1", "s2", "d0", "d1", "d2"}) {
-    auto archive = ZipDataStream::Create(FileDataSource::Create(dir.File(name) + ".zip"));
+    archive = open(name);
     const bool declaresTooMuch = name[1] == '2';
     testing::internal::CaptureStderr();
     EXPECT_EQ(Contents(archive->GetDataSourceForFile("a.txt")),
@@ -178,43 +185,22 @@ for tag, method in (('s', zipfile.ZIP_STORED), ('d', zipfile.ZIP_DEFLATED)):
   }
 }
 
-TEST(ZipDataStreamTools, DuplicateAndOverlongNames) {
-  if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
-  TempDir dir;
-  const std::string zip = dir.File("odd.zip");
-  ASSERT_EQ(oru::test::Run("python3 -W ignore -c \"import zipfile\n"
-                           "with zipfile.ZipFile('" +
-                           zip +
-                           "', 'w', zipfile.ZIP_DEFLATED) as z:\n"
-                           "    z.writestr('dup.txt', 'first'); z.writestr('DUP.txt', 'second')\n"
-                           "    z.writestr('n' * 3000, 'long')\""),
-            0);
-  auto archive = ZipDataStream::Create(FileDataSource::Create(zip));
-  EXPECT_EQ(Contents(archive->GetDataSourceForFile("dup.txt")), "first");
-  std::vector<std::string> names;
-  ASSERT_TRUE(archive->ListContents(&names));
-  ASSERT_EQ(names.size(), 3u);
-  EXPECT_EQ(names[2], std::string(2048, 'n'));  // cut at the name buffer
-  EXPECT_EQ(Contents(archive->GetDataSourceForFile(std::string(2048, 'n'))), "long");
-}
-
-TEST(ZipDataStreamUrl, ExtractFileName) {
-  EXPECT_EQ(ZipDataStream::ExtractFileName("zipdatastream://7/a/b.txt"), "a/b.txt");
-  EXPECT_EQ(ZipDataStream::ExtractFileName("zipdatastream://7/"), "");
-  EXPECT_EQ(ZipDataStream::ExtractFileName("zipdatastream://7"), "zipdatastream://7");
-  EXPECT_EQ(ZipDataStream::ExtractFileName("zipdatastream:///x"), "zipdatastream:///x");
-  EXPECT_EQ(ZipDataStream::ExtractFileName("other://x/y"), "other://x/y");
-  EXPECT_EQ(ZipDataStream::ExtractFileName(""), "");
-}
-
 TEST(ZipDataStreamUrl, LookupIsCaseInsensitiveAndTakesBackslashes) {
+  // Not an archive's URL (or no member in it): the text comes back whole.
+  for (auto [url, name] : {std::pair{"zipdatastream://7/a/b.txt", "a/b.txt"},
+                           {"zipdatastream://7/", ""},
+                           {"zipdatastream://7", "zipdatastream://7"},
+                           {"zipdatastream:///x", "zipdatastream:///x"},
+                           {"other://x/y", "other://x/y"},
+                           {"", ""}})
+    EXPECT_EQ(ZipDataStream::ExtractFileName(url), name) << url;
   auto source = InMemoryDataSource::Create(MakeArchive({{"A/B.TXT", "payload"}}), true);
   source->SetTimeStamp("stamp");
   auto archive = ZipDataStream::Create(source);
   ASSERT_TRUE(archive->IsValid());
   const std::string id = archive->GetUniqueId();
   EXPECT_EQ(id.rfind("zipdatastream://", 0), 0u);
-  auto other = ZipDataStream::Create(InMemoryDataSource::Create(Contents(source), false));
+  auto other = Open(Contents(source));
   EXPECT_NE(id, other->GetUniqueId());
   EXPECT_EQ(ZipDataStream::FindDataStream(id), archive);
   EXPECT_EQ(Contents(ZipDataStream::FindDataSource(id + "/a/b.txt")), "payload");
@@ -228,13 +214,13 @@ TEST(ZipDataStreamUrl, LookupIsCaseInsensitiveAndTakesBackslashes) {
   EXPECT_TRUE(m1->IsTempFile());
   EXPECT_FALSE(other->GetDataSourceForFile("a/b.txt")->IsTempFile());
   EXPECT_EQ(m1->GetTimeStamp(), "stamp");
-  EXPECT_EQ(archive->ComponentUrl("x"), "x");  // no file name behind a memory source
+  // No file name behind a memory source.
+  EXPECT_EQ(archive->ComponentUrl("x"), "x");
 
-  EXPECT_EQ(ZipDataStream::FindDataSource(id), nullptr);        // no slash
-  EXPECT_EQ(ZipDataStream::FindDataSource(id + "/"), nullptr);  // no member
-  EXPECT_EQ(ZipDataStream::FindDataSource(id + "/missing"), nullptr);
-  EXPECT_EQ(ZipDataStream::FindDataSource("zipdatastream://999999999/a/b.txt"), nullptr);
-  EXPECT_EQ(ZipDataStream::FindDataSource("short"), nullptr);
+  // No slash, no member, a missing member, an id never given out, no id.
+  for (const std::string& url : std::vector<std::string>{
+           id, id + "/", id + "/missing", "zipdatastream://999999999/a/b.txt", "short"})
+    EXPECT_EQ(ZipDataStream::FindDataSource(url), nullptr) << url;
   EXPECT_EQ(ZipDataStream::FindDataStream(id + "/"), nullptr);  // exact ids only
 
   archive.reset();  // a destroyed archive's URLs yield null
@@ -263,7 +249,7 @@ TEST(ZipDataStreamDirectory, TheDirectoryIsReadOnce) {
 }
 
 TEST(ZipDataStreamHostile, NotAnArchive) {
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(RandomBytes(5000, 3), false));
+  auto archive = Open(RandomBytes(5000, 3));
   EXPECT_FALSE(archive->IsValid());
   EXPECT_EQ(archive->GetDataSourceForFile("a"), nullptr);
   std::vector<std::string> names;
@@ -275,8 +261,7 @@ TEST(ZipDataStreamHostile, NotAnArchive) {
   // An end record whose directory would run past the record itself.
   ZipBytes lying{std::string("PK\x05\x06", 4) + std::string(18, '\0')};
   lying.Put(12, 100, 4);
-  EXPECT_FALSE(
-      ZipDataStream::Create(InMemoryDataSource::Create(std::move(lying.bytes), false))->IsValid());
+  EXPECT_FALSE(Open(std::move(lying.bytes))->IsValid());
 }
 
 TEST(ZipDataStreamHostile, CutShortOrFailingSourcesGiveNullOrExactMembers) {
@@ -284,10 +269,9 @@ TEST(ZipDataStreamHostile, CutShortOrFailingSourcesGiveNullOrExactMembers) {
   const std::string good = MakeArchive({{"a.bin", data}, {"b.txt", "bbb"}});
   testing::internal::CaptureStderr();
   // Every cut: never a crash; a member is either refused or exact.
-  for (size_t cut = 0; cut < good.size(); cut += good.size() / 97 + 1) {
-    auto archive = ZipDataStream::Create(InMemoryDataSource::Create(good.substr(0, cut), false));
-    if (auto m = archive->GetDataSourceForFile("a.bin")) EXPECT_EQ(Contents(m), data);
-  }
+  for (size_t cut = 0; cut < good.size(); cut += good.size() / 97 + 1)
+    if (auto m = Open(good.substr(0, cut))->GetDataSourceForFile("a.bin"))
+      EXPECT_EQ(Contents(m), data);
   // A source that throws: the exception must come back as a failed read,
   // never escape (it would cross zlib's C frames).
   int valid = 0;
@@ -302,34 +286,32 @@ TEST(ZipDataStreamHostile, CutShortOrFailingSourcesGiveNullOrExactMembers) {
 
 TEST(ZipDataStreamHostile, UnreadableMembersAreRefusedWithOneLine) {
   const std::string data = RandomBytes(5000, 9) + std::string(50000, 'z');
+  const char* impossible = "declared size impossible for its compressed data";
   struct Case {
-    const char* member;
+    const char *member, *reason;
     std::function<void(ZipBytes&, size_t central, size_t local)> edit;
-    const char* reason;
   };
   const Case cases[] = {
-      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 8, 1, 2), z.Put(l + 6, 1, 2); },
-       "encrypted"},
-      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 10, 12, 2), z.Put(l + 8, 12, 2); },
-       "compression method 12"},
-      {"m.bin", [](ZipBytes& z, size_t c, size_t l) { z.Put(c + 10, 14, 2), z.Put(l + 8, 14, 2); },
-       "compression method 14"},
-      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 16, z.Get(c + 16, 4) ^ 1, 4); },
-       "CRC-32 mismatch"},
-      {"s.png", [](ZipBytes& z, size_t, size_t l) { z.bytes[l + 40] ^= 1; }, "CRC-32 mismatch"},
-      {"m.bin", [](ZipBytes& z, size_t, size_t l) { z.bytes[l + 60] ^= 0x5A; }, "corrupt data"},
-      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, 0xFFFF0000u, 4); },
-       "declared size impossible for its compressed data"},
-      {"s.png", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, z.Get(c + 20, 4) + 1, 4); },
-       "declared size impossible for its compressed data"},
-      {"m.bin", [](ZipBytes& z, size_t c, size_t) { z.Put(c + 24, 0xFFFFFFFFu, 4); },
-       "sizes missing from its Zip64 extra field"},
-      {"m.bin", [](ZipBytes& z, size_t, size_t l) { z.bytes[l] = 'X'; }, "no local header"},
+      {"m.bin", "encrypted",
+       [](auto& z, auto c, auto l) { z.Put(c + 8, 1, 2), z.Put(l + 6, 1, 2); }},
+      {"m.bin", "compression method 12",
+       [](auto& z, auto c, auto l) { z.Put(c + 10, 12, 2), z.Put(l + 8, 12, 2); }},
+      {"m.bin", "compression method 14",
+       [](auto& z, auto c, auto l) { z.Put(c + 10, 14, 2), z.Put(l + 8, 14, 2); }},
+      {"m.bin", "CRC-32 mismatch",
+       [](auto& z, auto c, auto) { z.Put(c + 16, z.Get(c + 16, 4) ^ 1, 4); }},
+      {"s.png", "CRC-32 mismatch", [](auto& z, auto, auto l) { z.bytes[l + 40] ^= 1; }},
+      {"m.bin", "corrupt data", [](auto& z, auto, auto l) { z.bytes[l + 60] ^= 0x5A; }},
+      {"m.bin", impossible, [](auto& z, auto c, auto) { z.Put(c + 24, 0xFFFF0000u, 4); }},
+      {"s.png", impossible, [](auto& z, auto c, auto) { z.Put(c + 24, z.Get(c + 20, 4) + 1, 4); }},
+      {"m.bin", "sizes missing from its Zip64 extra field",
+       [](auto& z, auto c, auto) { z.Put(c + 24, 0xFFFFFFFFu, 4); }},
+      {"m.bin", "no local header", [](auto& z, auto, auto l) { z.bytes[l] = 'X'; }},
   };
   for (const Case& c : cases) {
     ZipBytes zip{MakeArchive({{"m.bin", data}, {"s.png", data}, {"ok.txt", "fine"}})};
     c.edit(zip, zip.Central(c.member), zip.Local(c.member));
-    auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+    auto archive = Open(std::move(zip.bytes));
     testing::internal::CaptureStderr();
     EXPECT_EQ(archive->GetDataSourceForFile(c.member), nullptr) << c.reason;
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -355,18 +337,16 @@ TEST(ZipDataStreamHostile, OverlappingMembersAreRefused) {
     clone.replace(46, 7, "c" + std::to_string(100000 + i));
     clones += clone;
   }
-  const size_t end = zip.bytes.size() - 22;
-  zip.bytes.insert(end, clones);
-  const size_t endRecord = end + clones.size();
-  zip.Put(endRecord + 8, 302, 2);
-  zip.Put(endRecord + 10, 302, 2);
+  zip.bytes.insert(zip.bytes.size() - 22, clones);
+  const size_t endRecord = zip.bytes.size() - 22;
+  zip.Put(endRecord + 8, 302, 2), zip.Put(endRecord + 10, 302, 2);
   zip.Put(endRecord + 12, zip.Get(endRecord + 12, 4) + static_cast<uint32_t>(clones.size()), 4);
   // One entry whose header lies inside big.bin's data, one inside the
   // directory.
   zip.Put(zip.Central("c100001") + 42, static_cast<uint32_t>(zip.Local("big.bin") + 500), 4);
   zip.Put(zip.Central("c100002") + 42, static_cast<uint32_t>(record), 4);
 
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+  auto archive = Open(std::move(zip.bytes));
   EXPECT_EQ(Contents(archive->GetDataSourceForFile("big.bin")), std::string(1 << 20, 'a'));
   EXPECT_EQ(Contents(archive->GetDataSourceForFile("next")), "n");  // adjacent, not overlapping
   testing::internal::CaptureStderr();
@@ -381,8 +361,7 @@ TEST(ZipDataStreamHostile, OverlappingMembersAreRefused) {
 
 TEST(ZipDataStreamHostile, ValidArchivesOfOddShapesOpen) {
   // No members at all: just the end record.
-  auto empty = ZipDataStream::Create(
-      InMemoryDataSource::Create(std::string("PK\x05\x06", 4) + std::string(18, '\0'), false));
+  auto empty = Open(std::string("PK\x05\x06", 4) + std::string(18, '\0'));
   std::vector<std::string> names;
   EXPECT_TRUE(empty->ListContents(&names));
   EXPECT_TRUE(names.empty());
@@ -394,7 +373,7 @@ TEST(ZipDataStreamHostile, ValidArchivesOfOddShapesOpen) {
   zip.Trim();
   zip.Put(zip.bytes.size() - 2, 65535, 2);
   zip.bytes += std::string("PK\x05\x06", 4) + std::string(65531, 'c');
-  auto archive = ZipDataStream::Create(InMemoryDataSource::Create(std::move(zip.bytes), false));
+  auto archive = Open(std::move(zip.bytes));
   ASSERT_TRUE(archive->ListContents(&names));
   ASSERT_EQ(names, std::vector<std::string>{"dir\\file.txt"});
   EXPECT_EQ(Contents(archive->GetDataSourceForFile(names[0])), "backslash");
@@ -403,15 +382,14 @@ TEST(ZipDataStreamHostile, ValidArchivesOfOddShapesOpen) {
 
 TEST(ZipDataStreamRegistry, ConcurrentCreateDestroyAndLookup) {
   const std::string bytes = MakeArchive({{"x.txt", "x"}});
-  const std::string gone =
-      ZipDataStream::Create(InMemoryDataSource::Create(std::string(bytes), false))->GetUniqueId();
+  const std::string gone = Open(bytes)->GetUniqueId();
   std::atomic<bool> stop{false};
   std::atomic<int> found{0};
   std::vector<std::thread> creators, lookups;
   for (int t = 0; t < 2; ++t) {
     creators.emplace_back([&] {
       for (int i = 0; i < 300; ++i) {
-        auto a = ZipDataStream::Create(InMemoryDataSource::Create(std::string(bytes), false));
+        auto a = Open(bytes);
         found += ZipDataStream::FindDataSource(a->GetUniqueId() + "/x.txt") != nullptr;
       }
     });
