@@ -23,10 +23,7 @@ namespace {
 namespace stdfs = std::filesystem;
 using test::ReadFile;
 using test::WriteFile;
-
-bool Exists(const std::string& path) {
-  return stdfs::exists(stdfs::u8path(path));
-}
+using Names = std::unordered_set<std::string>;
 
 // Records how an asynchronous operation of either kind ended.
 struct Outcome : FileSystem::Callback, FileSystem::DirCallback {
@@ -46,6 +43,7 @@ protected:
   const bool dirMade = stdfs::create_directories(stdfs::u8path(dir));
 
   std::string In(const std::string& name) { return dir + sep + name; }
+  bool Exists(const std::string& name) { return stdfs::exists(stdfs::u8path(In(name))); }
   // The directory InitDirToUse reports, empty when it fails.
   std::string InitDir(const std::string& name) {
     auto cb = std::make_shared<Outcome>();
@@ -53,6 +51,13 @@ protected:
     EXPECT_EQ(1, cb->calls);
     EXPECT_EQ(cb->ok, !cb->dir.empty()) << cb->dir;
     return cb->dir;
+  }
+  // Copies `src` into `fp` and reports success (the callback runs once).
+  bool WriteAndClose(const std::shared_ptr<DataSource>& src, std::shared_ptr<FSFilePointer> fp) {
+    auto cb = std::make_shared<Outcome>();
+    fs->WriteAndCloseAsync(src, fp, cb);
+    EXPECT_EQ(1, cb->calls);
+    return cb->ok;
   }
 };
 
@@ -67,9 +72,9 @@ TEST_F(FileSystemTest, WhatIsNotThereFailsWithoutBeingMade) {
   EXPECT_EQ(99u, untouched.size);
   EXPECT_EQ(0u, fs->TouchFile(missing.c_str()));
   EXPECT_EQ(-1, fs->Unlink(missing.c_str()));
-  std::unordered_set<std::string> listed = {"already"};
+  Names listed = {"already"};
   fs->FilesInDir(missing.c_str(), listed);
-  EXPECT_EQ(std::unordered_set<std::string>{"already"}, listed);
+  EXPECT_EQ(Names{"already"}, listed);
   // A temporary file in a directory that does not exist: the name is found,
   // the open fails, and the counter has moved on all the same.
   int counter = 0;
@@ -91,14 +96,11 @@ TEST_F(FileSystemTest, WhatIsNotThereFailsWithoutBeingMade) {
   fs->Fclose(none);
   auto src = InMemoryDataSource::Create(std::string("abc"), false);
   src->Seek(1, DS_SEEK_SET);
-  auto cb = std::make_shared<Outcome>();
-  fs->WriteAndCloseAsync(src, none, cb);
-  EXPECT_EQ(1, cb->calls);
-  EXPECT_FALSE(cb->ok);
+  EXPECT_FALSE(WriteAndClose(src, none));
   EXPECT_EQ(1u, src->GetOffset());  // untouched without a file
 }
 
-TEST_F(FileSystemTest, WritesAndReadsLinesKeepingCarriageReturns) {
+TEST_F(FileSystemTest, WritesCopiesAndReadsLinesKeepingCarriageReturns) {
   const std::string path = In("lines-é.txt");
   auto out = fs->Fopen(path.c_str(), "wb");
   ASSERT_NE(nullptr, out);
@@ -109,36 +111,54 @@ TEST_F(FileSystemTest, WritesAndReadsLinesKeepingCarriageReturns) {
   EXPECT_TRUE(fs->Write(cd, 2, out));
   fs->Fclose(out);
   EXPECT_EQ("ab\r\ncd", ReadFile(path));
-
   auto in = fs->Fopen(path.c_str(), "rb");
   ASSERT_NE(nullptr, in);
   for (const char* line : {"ab\r", "cd", "", ""}) EXPECT_EQ(line, fs->ReadLine(in));
   fs->Fclose(in);
+
+  // A source is copied whole, from its start, and left rewound.
+  const std::string bytes = test::RandomBytes(10000, 3);
+  auto src = InMemoryDataSource::Create(std::string(bytes), false);
+  src->Seek(123, DS_SEEK_SET);
+  EXPECT_TRUE(WriteAndClose(src, fs->Fopen(path.c_str(), "wb")));
+  EXPECT_EQ(0u, src->GetOffset());
+  EXPECT_EQ(bytes, ReadFile(path));
+  EXPECT_EQ(bytes, test::Contents(fs->GetDS(path.c_str())));
+
+  // A download of a local file: success, and nothing is made.
+  auto cb = std::make_shared<Outcome>();
+  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), cb);
+  EXPECT_TRUE(cb->calls == 1 && cb->ok);
+  EXPECT_FALSE(Exists("local"));
+  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), nullptr);
 }
 
-TEST_F(FileSystemTest, TempFilesTakeTheFirstFreeNumber) {
+TEST_F(FileSystemTest, TempFilesListingAndReplacing) {
   WriteFile(In("5"), "x");
   WriteFile(In("6"), "y");
   int counter = 5;
   std::string path;
   auto fp = fs->CreateAndOpenTempFile(dir.c_str(), "ignored", counter, path);
   ASSERT_NE(nullptr, fp);
-  EXPECT_EQ(In("7"), path);
+  EXPECT_EQ(In("7"), path);  // the first free number
   EXPECT_EQ(8, counter);
   fs->Fwrite("data", 4, fp);
   fs->Fclose(fp);
   EXPECT_EQ("data", ReadFile(path));
   EXPECT_EQ("x", ReadFile(In("5")));  // existing files untouched
-}
 
-TEST_F(FileSystemTest, ListsEntriesButNotDotAndDotDot) {
-  WriteFile(In("a.txt"), "a");
-  WriteFile(In("ü.bin"), "u");
-  stdfs::create_directory(stdfs::u8path(In("sub")));
-  WriteFile(In("sub") + sep + "deep", "d");
-  std::unordered_set<std::string> out = {"already"};
+  // Listing gives every entry (not "." or ".."), and no deeper one.
+  stdfs::create_directory(stdfs::u8path(In("ü")));
+  WriteFile(In("ü") + sep + "deep", "d");
+  Names out = {"already"};
   fs->FilesInDir(dir.c_str(), out);
-  EXPECT_EQ((std::unordered_set<std::string>{"already", In("a.txt"), In("ü.bin"), In("sub")}), out);
+  EXPECT_EQ((Names{"already", In("5"), In("6"), In("7"), In("ü")}), out);
+
+  EXPECT_TRUE(fs->ReplaceFile(In("7").c_str(), In("5").c_str()));
+  EXPECT_EQ("data", ReadFile(In("5")));
+  EXPECT_FALSE(Exists("7"));
+  EXPECT_FALSE(fs->ReplaceFile(In("gone").c_str(), In("5").c_str()));
+  EXPECT_EQ("data", ReadFile(In("5")));
 }
 
 TEST_F(FileSystemTest, StatTouchAndUnlink) {
@@ -159,29 +179,7 @@ TEST_F(FileSystemTest, StatTouchAndUnlink) {
   ASSERT_TRUE(fs->Stat(path.c_str(), st));
   EXPECT_EQ(static_cast<int64_t>(touched), st.modifyTime);
   EXPECT_EQ(0, fs->Unlink(path.c_str()));
-  EXPECT_FALSE(Exists(path));
-}
-
-TEST_F(FileSystemTest, CopiesASourceIntoAFileAndRewindsIt) {
-  const std::string bytes = test::RandomBytes(10000, 3);
-  auto src = InMemoryDataSource::Create(std::string(bytes), false);
-  src->Seek(123, DS_SEEK_SET);
-  const std::string path = In("copy");
-  auto cb = std::make_shared<Outcome>();
-  fs->WriteAndCloseAsync(src, fs->Fopen(path.c_str(), "wb"), cb);
-  EXPECT_EQ(1, cb->calls);
-  EXPECT_TRUE(cb->ok);
-  EXPECT_EQ(0u, src->GetOffset());
-  EXPECT_EQ(bytes, ReadFile(path));
-  EXPECT_EQ(bytes, test::Contents(fs->GetDS(path.c_str())));
-
-  // A download of a local file: success, and nothing is made.
-  cb = std::make_shared<Outcome>();
-  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), cb);
-  EXPECT_EQ(1, cb->calls);
-  EXPECT_TRUE(cb->ok);
-  EXPECT_FALSE(Exists(In("local")));
-  fs->AsyncDownloadFile("http://example.com/x", In("local").c_str(), nullptr);
+  EXPECT_FALSE(Exists("ファイル"));
 }
 
 TEST_F(FileSystemTest, PreparesItsWorkingDirectoryInTheWorkingArea) {
@@ -203,8 +201,7 @@ TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
   // another user could have planted it there.
   const std::string base = In("base"), home = In("home");
   const std::string own = In("oru-" + std::to_string(geteuid()));
-  const std::string saved[] = {test::GetEnv("XDG_CACHE_HOME"), test::GetEnv("HOME"),
-                               test::GetEnv("TMPDIR")};
+  test::ScopedEnv xdg("XDG_CACHE_HOME", ""), homeEnv("HOME", ""), tmpdir("TMPDIR", dir);
   const auto mkdirMode = [](const std::string& at, mode_t mode) {
     mkdir(at.c_str(), 0700), chmod(at.c_str(), mode);
   };
@@ -230,26 +227,13 @@ TEST_F(FileSystemTest, WorkingDirectoryIsPrivateWhereverItLies) {
     stdfs::create_directories(base), stdfs::create_directories(home);
     test::SetEnv("XDG_CACHE_HOME", *c.xdg == 'b' ? In(c.xdg) : c.xdg);
     test::SetEnv("HOME", *c.home ? home : "");
-    test::SetEnv("TMPDIR", dir);
     c.plant(base + "/QD");
     EXPECT_EQ(c.dir, InitDir("QD")) << c.xdg << " " << c.dir;
     struct stat st {};
     if (!c.dir.empty()) EXPECT_TRUE(lstat(c.dir.c_str(), &st) == 0 && (st.st_mode & 022) == 0);
   }
-  test::SetEnv("XDG_CACHE_HOME", saved[0]), test::SetEnv("HOME", saved[1]);
-  test::SetEnv("TMPDIR", saved[2]);
 }
 #endif
-
-TEST_F(FileSystemTest, ReplacesAFileInOneStep) {
-  WriteFile(In("target"), "old");
-  WriteFile(In("fresh"), "new");
-  EXPECT_TRUE(fs->ReplaceFile(In("fresh").c_str(), In("target").c_str()));
-  EXPECT_EQ("new", ReadFile(In("target")));
-  EXPECT_FALSE(Exists(In("fresh")));
-  EXPECT_FALSE(fs->ReplaceFile(In("gone").c_str(), In("target").c_str()));
-  EXPECT_EQ("new", ReadFile(In("target")));
-}
 
 }  // namespace
 }  // namespace oru
