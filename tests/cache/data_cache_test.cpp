@@ -5,7 +5,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <string>
 
@@ -42,18 +41,16 @@ void Shift(const std::string& path, int seconds) {
                          stdfs::file_time_type::clock::now() + std::chrono::seconds(seconds));
 }
 
-bool Add(DataCache& cache, const std::string& name, std::shared_ptr<DataSource> data,
-         const std::string& extra = "") {
+// Adds `bytes` (or `data`) under `name`; the callback must run at once.
+bool Add(DataCache& cache, const std::string& name, const std::string& bytes,
+         const std::string& extra = "", std::shared_ptr<DataSource> data = nullptr) {
   int calls = 0;
   bool result = false;
   cache.AddFile(
-      name, data, [&](bool ok) { ++calls, result = ok; }, extra);
+      name, data ? data : InMemoryDataSource::Create(std::string(bytes), false),
+      [&](bool ok) { ++calls, result = ok; }, extra);
   EXPECT_EQ(1, calls);
   return result;
-}
-bool Add(DataCache& cache, const std::string& name, const std::string& bytes,
-         const std::string& extra = "") {
-  return Add(cache, name, InMemoryDataSource::Create(std::string(bytes), false), extra);
 }
 
 // A source that claims more bytes than it delivers.
@@ -82,6 +79,13 @@ std::string Get(DataCache& cache, const std::string& name) {
 
 std::string PathOf(DataCache& cache, const std::string& name) {
   return cache.LookupName(name)->second->path;
+}
+
+// Which of `names` the cache holds, in order, each followed by a space.
+std::string Held(DataCache& cache, std::initializer_list<const char*> names) {
+  std::string out;
+  for (const char* name : names) out += cache.Contains(name) ? name + std::string(" ") : "";
+  return out;
 }
 
 class DataCacheTest : public ::testing::Test {
@@ -113,7 +117,6 @@ TEST_F(DataCacheTest, InfoFileRoundTripsByteForByte) {
   {
     auto cache = Open();
     ASSERT_TRUE(cache->Initialized());
-    EXPECT_EQ(dir, cache->GetCacheDir());
     cache->FinaliseCache();
     EXPECT_EQ(head + "---" + NL, ReadFile(info));
     ASSERT_TRUE(Add(*cache, url, "payload", extra));
@@ -127,9 +130,9 @@ TEST_F(DataCacheTest, InfoFileRoundTripsByteForByte) {
   EXPECT_EQ("payload", Get(*again, url));
   EXPECT_EQ("payload", Get(*again, "short-名"));
   EXPECT_EQ(extra, again->GetExtraData("short-名"));
+  EXPECT_EQ(url, again->LookupPrimaryName("short-名"));
   EXPECT_EQ(7u, again->GetFileSize("short-名"));
   EXPECT_EQ(7u, again->GetTotalSize());
-  EXPECT_EQ(url, again->LookupPrimaryName("short-名"));
   std::vector<DataCache::InfoContent> content;
   ASSERT_TRUE(again->GetInfoFileContent(content));
   ASSERT_EQ(1u, content.size());
@@ -137,6 +140,19 @@ TEST_F(DataCacheTest, InfoFileRoundTripsByteForByte) {
   // New files never take a number the info file named.
   ASSERT_TRUE(Add(*again, "second", "2"));
   EXPECT_EQ(dir + sep + "1", PathOf(*again, "second"));
+
+  // Alternative names that would break the info file's lines are refused.
+  for (auto [alternative, name] : {std::pair{"a<<>>b", "second"},
+                                   {"a\nb", "second"},
+                                   {"ok", "na\nme"},
+                                   {"", "second"},
+                                   {"ok2", ""}}) {
+    again->AddAlternativeName(alternative, name);
+    EXPECT_EQ("", again->LookupPrimaryName(alternative)) << alternative;
+  }
+  EXPECT_EQ(nullptr, Source(*again, "unknown"));
+  again->GetFile("unknown", nullptr);  // no callback, no call
+  EXPECT_EQ(0u, again->GetOutstandingFileRequestCount());
 }
 
 TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
@@ -151,14 +167,13 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
   auto cache = Open();
   EXPECT_EQ("12", Get(*cache, "model-a"));
   EXPECT_EQ("some extra text", cache->GetExtraData("alias"));
-  EXPECT_FALSE(cache->Contains("no-space") || cache->Contains("self"));
+  EXPECT_EQ("", Held(*cache, {"no-space", "self"}));
   EXPECT_EQ((Names{dir + sep + "12", info}), DirFiles());
 
   // Another version: nothing is trusted, everything but the info file goes.
   cache.reset();
   WriteFile(info, "Version 1.7\n12 x\nmodel-a\n---\n");
-  cache = Open();
-  EXPECT_FALSE(cache->Contains("model-a"));
+  EXPECT_EQ("", Held(*Open(), {"model-a"}));
   EXPECT_EQ(Names{info}, DirFiles());
 }
 
@@ -196,8 +211,7 @@ TEST_F(DataCacheTest, HostileEntriesAreRemovedNotFollowedOrReadWhole) {
     plants[round]();
     auto cache = Open();
     EXPECT_EQ(round == 1 ? "4" : "<none>", Get(*cache, "real")) << round;
-    for (const char* planted : {"linked", "dangling", "fifo"})
-      EXPECT_FALSE(cache->Contains(planted));
+    EXPECT_EQ("", Held(*cache, {"linked", "dangling", "fifo"}));
     EXPECT_EQ(DirFiles().count(dir + sep + "1") + DirFiles().count(dir + sep + "3"), 0u);
     link(victim, "info.txt.new");
     cache->FinaliseCache();
@@ -218,7 +232,7 @@ TEST_F(DataCacheTest, FilesChangedOrRemovedBehindItsBackAreNotServed) {
   }
   auto cache = Open();
   EXPECT_EQ("a" + std::string(100, '.'), Get(*cache, "a"));
-  EXPECT_FALSE(cache->Contains("b"));
+  EXPECT_EQ("a c ", Held(*cache, {"a", "b", "c"}));
   EXPECT_EQ(202u, cache->GetTotalSize());
   EXPECT_FALSE(Exists(dir + sep + "foreign"));
 
@@ -228,7 +242,7 @@ TEST_F(DataCacheTest, FilesChangedOrRemovedBehindItsBackAreNotServed) {
   WriteFile(path, "edited");
   Shift(path, 20);
   cache = Open();
-  EXPECT_FALSE(cache->Contains("a") || cache->Contains("c"));
+  EXPECT_EQ("", Held(*cache, {"a", "c"}));
   EXPECT_EQ(0u, cache->GetTotalSize());
   EXPECT_TRUE(DirFiles().empty());
 }
@@ -279,23 +293,21 @@ TEST_F(DataCacheTest, EvictsTheOldestFilesFirstAndRefusesWhatCannotFit) {
   auto cache = Open(100);
   EXPECT_EQ(90u, cache->GetTotalSize());
   ASSERT_TRUE(Add(*cache, "big", std::string(60, 'b')));
-  EXPECT_FALSE(cache->Contains("old") || cache->Contains("mid"));
-  EXPECT_TRUE(cache->Contains("new"));
+  EXPECT_EQ("new big ", Held(*cache, {"old", "mid", "new", "big"}));
   EXPECT_EQ(90u, cache->GetTotalSize());
   EXPECT_EQ(3u, DirFiles().size());  // "new", "big" and the info file
 
   // Equal times: exactly one of the two goes, whichever.
   cache->EmptyCache();
-  ASSERT_TRUE(Add(*cache, "p", std::string(40, 'p')));
-  ASSERT_TRUE(Add(*cache, "q", std::string(50, 'q')));
-  ASSERT_TRUE(Add(*cache, "r", std::string(30, 'r')));
-  EXPECT_EQ(1, int(cache->Contains("p")) + int(cache->Contains("q")));
+  for (auto [name, size] : {std::pair{"p", 40}, {"q", 50}, {"r", 30}})
+    ASSERT_TRUE(Add(*cache, name, std::string(size, *name)));
+  EXPECT_EQ(2u, Held(*cache, {"p", "q"}).size());
   EXPECT_LE(cache->GetTotalSize(), 100u);
 
   // Larger than the limit, empty, short of its size, or a line break where
   // the info file needs one line: refused, and nothing is left on disk.
   cache->EmptyCache();
-  EXPECT_FALSE(Add(*cache, "short", std::make_shared<ShortSource>()));
+  EXPECT_FALSE(Add(*cache, "short", "", "", std::make_shared<ShortSource>()));
   EXPECT_FALSE(Add(*cache, "huge", std::string(101, 'h')));
   EXPECT_FALSE(Add(*cache, "empty", ""));
   EXPECT_FALSE(Add(*cache, "two\nlines", "x"));
@@ -311,16 +323,13 @@ TEST_F(DataCacheTest, FilesInUseOrPinnedSurviveEvictionAndReplacement) {
   ASSERT_TRUE(Add(*cache, "free", std::string(50, 'f')));
   auto reader = Source(*cache, "held");
   ASSERT_NE(nullptr, reader);
-  EXPECT_TRUE(reader->IsTempFile());
-  EXPECT_TRUE(cache->IsFileInUse("held"));
+  EXPECT_TRUE(reader->IsTempFile() && cache->IsFileInUse("held"));
 
   ASSERT_TRUE(Add(*cache, "next", std::string(30, 'n')));  // evicts "free", though newer
-  EXPECT_TRUE(cache->Contains("held"));
-  EXPECT_FALSE(cache->Contains("free"));
+  EXPECT_EQ("held next ", Held(*cache, {"held", "free", "next"}));
   // Room only by taking "held": "next" goes on the way, and the add fails.
   EXPECT_FALSE(Add(*cache, "too-much", std::string(61, 't')));
-  EXPECT_TRUE(cache->Contains("held"));
-  EXPECT_FALSE(cache->Contains("next"));
+  EXPECT_EQ("held ", Held(*cache, {"held", "next", "too-much"}));
 
   // Replaced while read: the reader keeps the old bytes, from the buffer cache.
   const std::string oldPath = PathOf(*cache, "held");
@@ -353,25 +362,20 @@ TEST_F(DataCacheTest, FilesInUseOrPinnedSurviveEvictionAndReplacement) {
   ASSERT_TRUE(Add(*cache, "pinned", std::string(50, 'p')));
   Shift(PathOf(*cache, "pinned"), -100);
   ASSERT_TRUE(Add(*cache, "other", std::string(40, 'o')));
-  cache->StartLoadJob();
-  cache->StartLoadJob();
-  cache->PinName("pinned");
+  cache->StartLoadJob(), cache->StartLoadJob(), cache->PinName("pinned");
   ASSERT_TRUE(Add(*cache, "new", std::string(30, 'n')));  // evicts "other"
-  EXPECT_FALSE(cache->Contains("other"));
+  EXPECT_EQ("pinned new ", Held(*cache, {"pinned", "other", "new"}));
   cache->FinishLoadJob();
-  EXPECT_TRUE(cache->IsFileInUse("pinned"));
-  EXPECT_FALSE(Exists(info));
+  EXPECT_TRUE(cache->IsFileInUse("pinned") && !Exists(info));
   cache->FinishLoadJob();
-  EXPECT_FALSE(cache->IsFileInUse("pinned"));
-  EXPECT_TRUE(Exists(info));
+  EXPECT_TRUE(!cache->IsFileInUse("pinned") && Exists(info));
 }
 
 TEST_F(DataCacheTest, BuffersGoToDiskOrFallBackToMemory) {
   auto cache = Open(100);
   std::string block(60, 'b');
   auto src = cache->AddBuffer(block.data(), block.size());
-  ASSERT_NE(nullptr, src);
-  EXPECT_TRUE(src->IsTempFile());
+  ASSERT_TRUE(src && src->IsTempFile());
   EXPECT_EQ(block, test::Contents(src));
   EXPECT_EQ(60u, cache->GetTotalSize());
   EXPECT_EQ(1u, DirFiles().size());
@@ -396,20 +400,6 @@ TEST_F(DataCacheTest, BuffersGoToDiskOrFallBackToMemory) {
   EXPECT_EQ(0u, cache->GetTotalSize());
 }
 
-TEST_F(DataCacheTest, AlternativeNamesThatWouldBreakTheInfoFileAreRefused) {
-  auto cache = Open();
-  cache->AddAlternativeName("a<<>>b", "name");
-  cache->AddAlternativeName("a\nb", "name");
-  cache->AddAlternativeName("ok", "na\nme");
-  cache->AddAlternativeName("", "name");
-  cache->AddAlternativeName("ok2", "");
-  for (const char* alternative : {"a<<>>b", "a\nb", "ok", "", "ok2"})
-    EXPECT_EQ("", cache->LookupPrimaryName(alternative)) << alternative;
-  EXPECT_EQ(nullptr, Source(*cache, "unknown"));
-  cache->GetFile("unknown", nullptr);  // no callback, no call
-  EXPECT_EQ(0u, cache->GetOutstandingFileRequestCount());
-}
-
 TEST_F(DataCacheTest, WithoutADirectoryItTouchesNoFile) {
   auto wrapper = std::make_shared<test::WrappingFileSystem>();
   wrapper->failInitDir = true;
@@ -418,14 +408,9 @@ TEST_F(DataCacheTest, WithoutADirectoryItTouchesNoFile) {
   EXPECT_FALSE(Add(*cache, "a", "x"));
   EXPECT_EQ(nullptr, Source(*cache, "a"));
   EXPECT_EQ("mem", test::Contents(cache->AddBuffer(std::string("mem"))));
-  cache->FinaliseCache();
-  cache->UpdateInfoFile();
-  cache->EmptyCache();
-  cache->WriteInfoFile();
   DataCache::InfoMap map;
-  cache->ReadInfoFile(map);
-  cache->SetupFileCache(map);
-  cache->RemoveFile("a");
+  cache->FinaliseCache(), cache->UpdateInfoFile(), cache->EmptyCache(), cache->WriteInfoFile();
+  cache->ReadInfoFile(map), cache->SetupFileCache(map), cache->RemoveFile("a");
   cache->Initialize();  // a second start does nothing
   EXPECT_EQ(std::vector<std::string>{"InitDirToUse QD_FileCache"}, wrapper->calls);
   EXPECT_THROW(cache->AddFile("a", nullptr, nullptr, ""), std::bad_function_call);
@@ -445,28 +430,23 @@ TEST_F(DataCacheTest, WorksOverAnAsynchronousFileSystemWithoutReplaceFile) {
   EXPECT_EQ(nullptr, Source(*cache, "a"));  // pump 1: the directory is ready
   EXPECT_EQ(dir, cache->GetCacheDir());
   EXPECT_EQ(1u, wrapper->Pending());  // the info file is asked for
-  EXPECT_TRUE(cache->Initialized());  // pump 2: read, set up, ready
-  EXPECT_TRUE(cache->Initialized());
-  EXPECT_EQ(2, wrapper->pumps);  // a ready cache no longer pumps
+  // Pump 2: read, set up, ready; a ready cache no longer pumps.
+  EXPECT_TRUE(cache->Initialized() && cache->Initialized());
+  EXPECT_EQ(2, wrapper->pumps);
 
   int added = 0;
   cache->AddFile(
       "a", InMemoryDataSource::Create(std::string("async bytes"), false),
       [&](bool ok) { added += ok ? 1 : 100; }, "");
-  EXPECT_EQ(0, added);
-  EXPECT_FALSE(cache->Contains("a"));
+  EXPECT_TRUE(added == 0 && !cache->Contains("a"));
   wrapper->PumpCallbacks();
   EXPECT_EQ(1, added);
   EXPECT_EQ(11u, cache->GetTotalSize());
 
   std::vector<std::string> got;
-  for (int i = 0; i < 3; ++i) {
-    cache->GetFile("a", [&](std::shared_ptr<DataSource> const& src, std::string const&) {
-      got.push_back(src ? test::Contents(src) : "<none>");
-    });
-  }
-  EXPECT_EQ(3u, cache->GetOutstandingFileRequestCount());
-  EXPECT_TRUE(got.empty());
+  for (int i = 0; i < 3; ++i)
+    cache->GetFile("a", [&](auto const& src, auto&) { got.push_back(test::Contents(src)); });
+  EXPECT_TRUE(cache->GetOutstandingFileRequestCount() == 3 && got.empty());
   wrapper->PumpCallbacks();
   EXPECT_EQ(0u, cache->GetOutstandingFileRequestCount());
   EXPECT_EQ(std::vector<std::string>(3, "async bytes"), got);
@@ -477,8 +457,7 @@ TEST_F(DataCacheTest, WorksOverAnAsynchronousFileSystemWithoutReplaceFile) {
   EXPECT_EQ("async bytes", Get(*Open(), "a"));
 
   // A completion that arrives after the cache is gone does nothing.
-  cache->GetFile("a",
-                 [&](std::shared_ptr<DataSource> const&, std::string const&) { ADD_FAILURE(); });
+  cache->GetFile("a", [&](auto&, auto&) { ADD_FAILURE(); });
   cache.reset();
   wrapper->PumpCallbacks();
 }

@@ -56,16 +56,19 @@ public:
     for (auto& f : ready) f();
   }
   bool ReplaceFile(char const* from, char const* to) override {
-    return Log("ReplaceFile", replaceSupported && Base::ReplaceFile(from, to));
+    return calls.push_back("ReplaceFile"), replaceSupported && Base::ReplaceFile(from, to);
   }
   // Recorded only. The cache reads, lists and opens files only after one of
   // these (or a completion above), so they need no record of their own.
   void Sync() override { calls.push_back("Sync"); }
-  int Unlink(char const* path) override { return Log("Unlink", Base::Unlink(path)); }
-  bool Stat(char const* path, FileStat& out) override { return Log("Stat", Base::Stat(path, out)); }
+  int Unlink(char const* path) override { return calls.push_back("Unlink"), Base::Unlink(path); }
+  bool Stat(char const* path, FileStat& out) override {
+    return calls.push_back("Stat"), Base::Stat(path, out);
+  }
   std::shared_ptr<FSFilePointer> CreateAndOpenTempFile(char const* dir, char const* ignored,
                                                        int& counter, std::string& path) override {
-    return Log("CreateAndOpenTempFile", Base::CreateAndOpenTempFile(dir, ignored, counter, path));
+    calls.push_back("CreateAndOpenTempFile");
+    return Base::CreateAndOpenTempFile(dir, ignored, counter, path);
   }
 
 private:
@@ -74,18 +77,9 @@ private:
     void OnComplete(bool success) override { ok = success; }
     void OnDirReady(bool success) override { ok = success; }
   };
-  template <class T>
-  T Log(const char* what, T result) {
-    calls.push_back(what);
-    return result;
-  }
   void Complete(std::function<void()> f, const char* what = nullptr) {
     if (what) calls.push_back(what);
-    if (deferCallbacks) {
-      m_pending.push_back(std::move(f));
-    } else {
-      f();
-    }
+    deferCallbacks ? m_pending.push_back(std::move(f)) : f();
   }
   std::deque<std::function<void()>> m_pending;
 };
