@@ -43,17 +43,17 @@ std::string Section(int level, const std::string& data) {
 
 TEST(Zipper, PlainAndCompressedSectionsRoundTrip) {
   const std::string before = "plain head";
-  const std::string payload = RandomBytes(70000, 5) + std::string(100000, 'z');
+  // Ten staging blocks and a byte: the last flush is of that one byte.
+  const std::string payload = RandomBytes(70000, 5) + std::string(10 * 16384 + 1 - 70000, 'z');
   const std::string after = "plain tail";
   Zipper z;
   ASSERT_TRUE(Add(z, before));
   ASSERT_TRUE(z.StartCompressedSection(6));
   EXPECT_FALSE(z.StartCompressedSection(6));  // one section at a time
   EXPECT_EQ(z.GetDSForBuffer(), nullptr);     // not while a section is open
-  // Pieces smaller and larger than the 16 KiB staging block.
-  ASSERT_TRUE(Add(z, payload.substr(0, 100)));
-  ASSERT_TRUE(Add(z, payload.substr(100, 40000)));
-  ASSERT_TRUE(Add(z, payload.substr(40100)));
+  // Pieces smaller and larger than the 16 KiB staging block, and of one byte.
+  ASSERT_TRUE(Add(z, payload.substr(0, 100)) && Add(z, payload.substr(100, 1)));
+  ASSERT_TRUE(Add(z, payload.substr(101, 40000)) && Add(z, payload.substr(40101)));
   ASSERT_TRUE(z.AddBytes(nullptr, 0));
   ASSERT_TRUE(z.EndCompressedSection());
   ASSERT_TRUE(Add(z, after));
@@ -82,6 +82,8 @@ TEST(Zipper, BlockBoundariesAndEmptySections) {
   EXPECT_EQ(Contents(exact.GetDSForBuffer()), "");
   ASSERT_TRUE(Add(exact, std::string(16384, 'x')));
   EXPECT_EQ(Contents(exact.GetDSForBuffer()), std::string(16384, 'x'));
+  ASSERT_TRUE(Add(exact, "y"));  // a block that holds one byte
+  EXPECT_EQ(Contents(exact.GetDSForBuffer()), std::string(16384, 'x') + "y");
 
   EXPECT_EQ(Section(-1, ""), GZIP_HEADER + std::string("\x03\x00", 2));  // empty
 
