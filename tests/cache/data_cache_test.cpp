@@ -169,6 +169,9 @@ TEST_F(DataCacheTest, ReadsHandWrittenInfoFilesAndDeletesWhatTheyDoNotName) {
   EXPECT_EQ("some extra text", cache->GetExtraData("alias"));
   EXPECT_EQ("", Held(*cache, {"no-space", "self"}));
   EXPECT_EQ((Names{dir + sep + "12", info}), DirFiles());
+  // A new file is numbered past the 12 named; "info.txt" is no number.
+  ASSERT_TRUE(Add(*cache, "next", "n"));
+  EXPECT_EQ(dir + sep + "13", PathOf(*cache, "next"));
 
   // Another version: nothing is trusted, everything but the info file goes.
   cache.reset();
