@@ -9,16 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <iterator>
 #include <map>
-#include <memory>
 #include <random>
-#include <stdexcept>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace oru::test {
 namespace {
@@ -97,11 +89,8 @@ template <class S>
 // A set of n flags made with `log`'s allocator, all `fill`.
 template <class S>
 S Make(uint64_t n, bool fill, AllocLog* log) {
-  if constexpr (RESIZABLE<S>) {
-    return S(n, fill, typename S::allocator_type(log));
-  } else {
-    return S(fill);
-  }
+  if constexpr (RESIZABLE<S>) return S(n, fill, typename S::allocator_type(log));
+  if constexpr (!RESIZABLE<S>) return S(fill);
 }
 
 // Gives every flag of `s` a random value and returns them; sometimes only
@@ -158,8 +147,7 @@ void RunRandomOperations(uint64_t base, uint64_t seed) {
       const uint64_t n = m.size();
       const int op = static_cast<int>(rng() % (RESIZABLE<S> ? 12 : 9));
       SCOPED_TRACE("step " + std::to_string(step) + ", operation " + std::to_string(op));
-      {
-        // The other operand: mostly of the same size and allocator.
+      {  // The other operand: mostly of the same size and allocator.
         const uint64_t size = RESIZABLE<S> && rng() % 4 == 0 ? rng() % (2 * base + 70) : n;
         AllocLog* other = rng() % 4 == 0 ? Other(owner) : owner;
         S o = Make<S>(size, rng() % 2 == 0, other);
@@ -219,10 +207,9 @@ void RunRandomOperations(uint64_t base, uint64_t seed) {
             if (PROPAGATE) owner = other;
             break;
           case 7:
-            AssignList(s, m, rng, std::make_index_sequence<3>());
-            break;
           case 8:
-            AssignList(s, m, rng, std::make_index_sequence<65>());
+            op == 7 ? AssignList(s, m, rng, std::make_index_sequence<3>())
+                    : AssignList(s, m, rng, std::make_index_sequence<65>());
             break;
           default:
             if constexpr (RESIZABLE<S>) {

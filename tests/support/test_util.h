@@ -55,13 +55,14 @@ std::string ExecutableDirectory();
 // Deterministic pseudo-random bytes for test data.
 std::string RandomBytes(std::size_t n, unsigned seed);
 
+// The UTF-8 form of one code point, written independently of the library: the
+// lead byte marker comes from shifting 0xFF00, continuation bytes are peeled
+// off the low end.
+std::string Utf8Of(char32_t c);
+
 // Compresses with zlib itself: format 'z' (zlib wrapper), 'g' (gzip wrapper)
 // or 'r' (raw deflate).
 std::string Deflate(const std::string& data, char format, int level = 6);
-
-}  // namespace oru::test
-
-namespace oru::test {
 
 // Sets (or, with an empty value, removes) an environment variable of this
 // process; child processes started afterwards inherit it.
@@ -123,7 +124,7 @@ public:
 
 private:
   intptr_t m_handle = -1;
-  int m_status = -1;  // once reaped by Running()
+  int m_status = -1;  // once reaped
 };
 
 }  // namespace oru::test

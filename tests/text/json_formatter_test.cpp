@@ -146,15 +146,6 @@ TEST(JsonFormatterTest, StringsPathsAndSymbols) {
 
 // ---- a random document read back by Python ---------------------------------
 
-std::string Utf8(char32_t c) {
-  if (c < 0x80) return std::string(1, static_cast<char>(c));
-  const int n = c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
-  std::string s(static_cast<std::size_t>(n), '\0');
-  for (int i = n - 1; i > 0; --i, c >>= 6) s[i] = static_cast<char>(0x80 | (c & 0x3F));
-  s[0] = static_cast<char>(((0xFF00 >> n) & 0xFF) | c);
-  return s;
-}
-
 // Writes nested objects and arrays with random leaves through a formatter
 // and, alongside, the same document as a Python expression: S('<hex UTF-8>')
 // for a string, D('<hex bits>') for a finite double, ints, True/False/None.
@@ -178,7 +169,7 @@ private:
                          : Pick(3) == 0 ? "\"\\/"[Pick(3)]
                          : Pick(2) == 0 ? 0x20 + Pick(0x60)
                                         : 0x80 + Pick(0x10FF80);
-      s += Utf8(c >= 0xD800 && c < 0xE000 ? c - 0x800 : c);
+      s += Utf8Of(c >= 0xD800 && c < 0xE000 ? c - 0x800 : c);
     }
     s += tail;
     std::string quoted = "S('";
@@ -223,35 +214,23 @@ private:
 
   void Value(int depth) {
     static const int64_t LIMITS[] = {INT64_MIN, INT64_MAX, -1, 0};
-    switch (Pick(depth < 4 ? 9 : 7)) {
-      case 0:
-        m_json.FormatString(Text());
-        break;
-      case 1: {
-        const int64_t v = Pick(2) ? LIMITS[Pick(4)] : static_cast<int64_t>(m_rng());
-        m_json.FormatSigned(v), m_expected += std::to_string(v);
-        break;
-      }
-      case 2: {
-        const uint64_t v = Pick(2) ? UINT64_MAX : m_rng();
-        m_json.FormatUnsigned(v), m_expected += std::to_string(v);
-        break;
-      }
-      case 3:
-      case 4:
-        Double();
-        break;
-      case 5: {
-        const bool b = Pick(2);
-        m_json.FormatBoolean(b), m_expected += b ? "True" : "False";
-        break;
-      }
-      case 6:
-        m_json.FormatNull(), m_expected += "None";
-        break;
-      default:
-        Compound(depth, Pick(2) != 0, Pick(6));
+    const unsigned kind = Pick(depth < 4 ? 9 : 7);
+    if (kind == 0) m_json.FormatString(Text());
+    if (kind == 1) {
+      const int64_t v = Pick(2) ? LIMITS[Pick(4)] : static_cast<int64_t>(m_rng());
+      m_json.FormatSigned(v), m_expected += std::to_string(v);
     }
+    if (kind == 2) {
+      const uint64_t v = Pick(2) ? UINT64_MAX : m_rng();
+      m_json.FormatUnsigned(v), m_expected += std::to_string(v);
+    }
+    if (kind == 3 || kind == 4) Double();
+    if (kind == 5) {
+      const bool b = Pick(2);
+      m_json.FormatBoolean(b), m_expected += b ? "True" : "False";
+    }
+    if (kind == 6) m_json.FormatNull(), m_expected += "None";
+    if (kind > 6) Compound(depth, Pick(2) != 0, Pick(6));
   }
 
   JsonFormatter& m_json;
@@ -283,7 +262,6 @@ sys.exit(0 if canon(got) == canon(want) else 'the document reads back differentl
 TEST(JsonFormatterTest, RandomDocumentReadsBackInPython) {
   if (!HaveTool("python3")) GTEST_SKIP() << "needs python3";
   TempDir dir;
-  WriteFile(dir.File("read_back.py"), READ_BACK);
   for (unsigned indentStep : {0u, 3u}) {
     std::ostringstream out;
     Prepare(out);
@@ -292,9 +270,7 @@ TEST(JsonFormatterTest, RandomDocumentReadsBackInPython) {
     EXPECT_EQ(out.str().find('\n') == std::string::npos, indentStep == 0);
     WriteFile(dir.File("doc.json"), out.str());
     WriteFile(dir.File("expected.py"), doc.Expected());
-    EXPECT_EQ(oru::test::Run("python3 '" + dir.File("read_back.py") + "' '" + dir.File("doc.json") +
-                             "' '" + dir.File("expected.py") + "'"),
-              0)
+    EXPECT_EQ(RunPython(READ_BACK, {dir.File("doc.json"), dir.File("expected.py")}), 0)
         << "indent step " << indentStep;
   }
 }

@@ -1,13 +1,15 @@
+// SHA-1 on every compression engine and every way of appending, against the
+// standard vectors and Python's hashlib; the digests' text forms; and Base64,
+// against Python's base64 module.
 #include "oru/sha1.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cstddef>
-#include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <random>
 #include <sstream>
 #include <string>
@@ -18,9 +20,35 @@
 
 namespace {
 
+using oru::Base64;
 using oru::Sha1Digest;
 using oru::Sha1Hasher;
 using oru::detail::Sha1Engine;
+using namespace oru::test;
+
+// Python's `expr` of the bytes d = data[:n] for each of `lengths`; nothing
+// without Python (under wine).
+std::vector<std::string> PythonOfPrefixes(const std::string& expr, const std::string& data,
+                                          const std::vector<std::size_t>& lengths) {
+  if (!HaveTool("python3")) return {};
+  TempDir dir;
+  std::vector<std::string> args = {dir.File("data.bin")}, words;
+  WriteFile(args[0], data);
+  for (std::size_t n : lengths) args.push_back(std::to_string(n));
+  std::string out;
+  EXPECT_EQ(RunPython("import base64, hashlib, sys\n"
+                      "data = open(sys.argv[1], 'rb').read()\n"
+                      "for n in sys.argv[2:]:\n"
+                      "    d = data[:int(n)]\n"
+                      "    print(" +
+                          expr + " + '.')\n",  // the '.' keeps "" a word
+                      args, &out),
+            0);
+  std::istringstream in(out);
+  for (std::string word; in >> word;) words.push_back(word.substr(0, word.size() - 1));
+  EXPECT_EQ(words.size(), lengths.size());
+  return words;
+}
 
 // Every compression engine this CPU can run, the portable one first.
 std::vector<Sha1Engine> Engines() {
@@ -84,29 +112,18 @@ TEST(Sha1Test, StandardVectorsOnEveryEngine) {
 // call, byte by byte and in random pieces. Without Python (under wine) the
 // portable engine's one-call digests are the reference the rest must match.
 TEST(Sha1Test, EveryEngineAndWayOfAppendingMatchesHashlib) {
-  oru::test::TempDir dir;
-  const std::string data = oru::test::RandomBytes((3 << 20) + 37, 3);
-  std::vector<std::size_t> lengths;
-  for (std::size_t n = 0; n <= 1000; ++n) lengths.push_back(n);
+  const std::string data = RandomBytes((3 << 20) + 37, 3);
+  std::vector<std::size_t> lengths(1001);
+  std::iota(lengths.begin(), lengths.end(), 0);
   lengths.push_back(data.size());
-  std::vector<std::string> expected;
-  if (oru::test::HaveTool("python3")) {
-    oru::test::WriteFile(dir.File("data.bin"), data);
-    ASSERT_EQ(oru::test::Run("python3 -c \"import hashlib,sys\n"
-                             "d=open(sys.argv[1],'rb').read()\n"
-                             "out=[hashlib.sha1(d[:n]).hexdigest() for n in range(1001)]\n"
-                             "out.append(hashlib.sha1(d).hexdigest())\n"
-                             "open(sys.argv[2],'w').write(' '.join(out))\" '" +
-                             dir.File("data.bin") + "' '" + dir.File("digests.txt") + "'"),
-              0);
-    std::istringstream in(oru::test::ReadFile(dir.File("digests.txt")));
-    expected.assign(std::istream_iterator<std::string>(in), {});
-    ASSERT_EQ(expected.size(), lengths.size());
-  } else {
+  std::vector<std::string> expected =
+      PythonOfPrefixes("hashlib.sha1(d).hexdigest()", data, lengths);
+  if (expected.empty()) {
     EngineScope scope(Sha1Engine::Portable);
     std::mt19937 rng(0);
     for (std::size_t n : lengths) expected.push_back(Hash(data.substr(0, n), BULK, rng));
   }
+  ASSERT_EQ(expected.size(), lengths.size());
   for (Sha1Engine engine : Engines()) {
     EngineScope scope(engine);
     std::mt19937 rng(5);
@@ -126,7 +143,7 @@ TEST(Sha1Test, HasherStartsOverAfterFinalizeAndCopiesContinueApart) {
   h.Append(nullptr, 0);
   EXPECT_EQ(oru::HexForm(h.Finalize()), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
   // A copy taken mid-block carries the buffered bytes and the length.
-  const std::string prefix = oru::test::RandomBytes(100, 1);
+  const std::string prefix = RandomBytes(100, 1);
   Sha1Hasher a;
   a.Append(prefix.data(), prefix.size());
   Sha1Hasher b = a;
@@ -185,6 +202,83 @@ TEST(Sha1Test, DefaultEngineFollowsTheCpu) {
   EXPECT_EQ(Engines().size(), sha ? 2u : 1u);
   EXPECT_EQ(oru::detail::CurrentSha1Engine(),
             sha ? Sha1Engine::ShaExtensions : Sha1Engine::Portable);
+}
+
+const std::string ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+std::string Decode(const std::string& text) {
+  // An exact-size heap copy, so that a read past the end trips the sanitizers.
+  std::vector<char> copy(text.begin(), text.end());
+  const std::vector<char> bytes = Base64::Decode(copy.data(), copy.size());
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::string Encode(const std::string& data) {
+  std::vector<char> copy(data.begin(), data.end());
+  return Base64::Encode(copy.data(), copy.size());
+}
+
+TEST(Base64Test, StandardVectors) {
+  // Pairs of data and text.
+  const char* vectors[] = {"",     "",     "f",        "Zg==",  "fo",       "Zm8=",   "foo",
+                           "Zm9v", "foob", "Zm9vYg==", "fooba", "Zm9vYmE=", "foobar", "Zm9vYmFy"};
+  for (std::size_t i = 0; i < std::size(vectors); i += 2) {
+    EXPECT_EQ(Encode(vectors[i]), vectors[i + 1]);
+    EXPECT_EQ(Decode(vectors[i + 1]), vectors[i]);
+  }
+  EXPECT_EQ(Base64::Encode(nullptr, 0), "");
+  EXPECT_TRUE(Base64::Decode(nullptr, 0).empty());
+}
+
+// Random data of every length from 0 to 300 and a few long ones of each
+// length modulo 3: the text has the right size and padding, equals Python's
+// (where there is Python) and decodes back, Python's text too.
+TEST(Base64Test, EncodesLikePythonAndDecodesBack) {
+  const std::string data = RandomBytes((1 << 20) + 2, 8);
+  std::vector<std::size_t> lengths(301);
+  std::iota(lengths.begin(), lengths.end(), 0);
+  for (std::size_t n : {std::size_t{65536}, std::size_t{1} << 20})
+    lengths.insert(lengths.end(), {n, n + 1, n + 2});
+  const std::vector<std::string> python =
+      PythonOfPrefixes("base64.b64encode(d).decode()", data, lengths);
+  for (std::size_t i = 0; i < lengths.size(); ++i) {
+    const std::size_t n = lengths[i];
+    const std::string text = Encode(data.substr(0, n));
+    ASSERT_EQ(text.size(), (n + 2) / 3 * 4) << n;
+    ASSERT_EQ(text.find_first_not_of(ALPHABET),
+              n % 3 == 0 ? std::string::npos : text.size() - 3 + n % 3)
+        << n;
+    ASSERT_TRUE(Decode(text) == data.substr(0, n)) << n;
+    if (python.size() != lengths.size()) continue;
+    ASSERT_TRUE(text == python[i]) << n;
+    ASSERT_TRUE(Decode(python[i]) == data.substr(0, n)) << n;
+  }
+}
+
+TEST(Base64Test, DecodingEndsAtTheFirstCharacterOutsideTheAlphabet) {
+  // Pairs of text and the bytes it decodes to. An unfinished group gives its
+  // whole bytes; six bits make none. Padding ends the data, short or not;
+  // nothing after it counts. So does any other character outside the
+  // alphabet: line breaks, spaces, the URL-safe alphabet's '-'.
+  const char* cases[] = {
+      "TWE",          "Ma",  "TQ",        "M",   "T",        "",   "TWFuT", "Man",
+      "TQ=",          "M",   "TQ==TWFu",  "M",   "TWE=TQ==", "Ma", "====",  "",
+      "TWFu\r\nTWFu", "Man", "TWFu TWFu", "Man", "TW!u",     "M",  "T-Fu",  ""};
+  for (std::size_t i = 0; i < std::size(cases); i += 2)
+    EXPECT_EQ(Decode(cases[i]), cases[i + 1]) << cases[i];
+
+  // Every character outside the alphabet, at every place of a text: the
+  // result is the whole bytes of the characters before it.
+  const std::string data = RandomBytes(48, 2);
+  const std::string text = Encode(data);
+  for (int bad = 0; bad < 256; ++bad) {
+    if (ALPHABET.find(static_cast<char>(bad)) != std::string::npos) continue;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+      std::string broken = text;
+      broken[at] = static_cast<char>(bad);
+      ASSERT_EQ(Decode(broken), data.substr(0, at * 6 / 8)) << bad << " at " << at;
+    }
+  }
 }
 
 }  // namespace

@@ -1,17 +1,16 @@
 // SimplifiedRegex: the dialect's translation through its observable
-// matches, with the wildcard scan checked against the regex engine; and
+// matches, with the wildcard scan checked against the regex engine, and the
+// size limits that keep the engine's recursion off the end of the stack; and
 // StringSplit.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <random>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "oru/simplified_regex.h"
-#include "oru/toolchain.h"
 #include "oru/symbol.h"
+#include "oru/toolchain.h"
 
 namespace oru {
 namespace {
@@ -118,12 +117,6 @@ TEST(StringSplit, CutsAtRunsOfDelimiters) {
   }
 }
 
-}  // namespace
-}  // namespace oru
-
-namespace oru {
-namespace {
-
 TEST(SimplifiedRegex, NestedRepetitionsTakePolynomialTime) {
   if (!ORU_HAS_POLYNOMIAL_REGEX)
     GTEST_SKIP() << "this C++ library's regex engine backtracks: the search would not end";
@@ -179,44 +172,6 @@ TEST(SimplifiedRegex, PatternsPastTheSizeLimitsAreRejected) {
     }
     EXPECT_TRUE(r.MatchText("x"));  // the reset left the empty expression
   }
-}
-
-TEST(SimplifiedRegex, AgreesWithTheDefaultBacktrackingEngine) {
-  // Random small expressions with operators, against std::regex in its
-  // default mode: the polynomial mode must not change any answer.
-  const std::string chars = "ab*?.()|[]+\\{}2,";
-  const std::string textChars = "aab.\n";
-  std::mt19937 rng(99);
-  int compiled = 0;
-  for (int round = 0; round < 3000; ++round) {
-    std::string pattern;
-    for (size_t n = 1 + rng() % 6; n > 0; --n) pattern += chars[rng() % chars.size()];
-    SimplifiedRegex ours;
-    try {
-      ours.CompileRegex(pattern, false);
-    } catch (const std::regex_error&) {
-      continue;
-    }
-    // The same translation, checked through observable answers only: a
-    // pattern without wildcards, anchors or dots translates to itself.
-    if (pattern.find_first_of("*?.$^") != std::string::npos) continue;
-    std::regex reference;
-    try {
-      reference = std::regex(pattern, std::regex::ECMAScript);
-    } catch (const std::regex_error&) {
-      ADD_FAILURE() << "only the reference rejects " << pattern;
-      continue;
-    }
-    ++compiled;
-    for (int t = 0; t < 6; ++t) {
-      std::string text;
-      for (size_t n = rng() % 8; n > 0; --n) text += textChars[rng() % textChars.size()];
-      ASSERT_EQ(std::regex_search(text, reference, std::regex_constants::match_any),
-                ours.MatchText(text))
-          << "pattern \"" << pattern << "\" text \"" << text << "\"";
-    }
-  }
-  EXPECT_GT(compiled, 300);
 }
 
 }  // namespace

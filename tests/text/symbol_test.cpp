@@ -5,26 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <numeric>
 #include <random>
-#include <sstream>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
 #include "oru/symbol.h"
 
 namespace oru {
 namespace {
-
-TEST(Symbol, EmptyTextsGiveTheEmptySymbol) {
-  for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)),
-                          Symbol(std::string()), Symbol(BasicStringSpan<char const>())}) {
-    EXPECT_EQ(Symbol::EMPTY, s);
-    EXPECT_STREQ("", s.c_str());
-    EXPECT_TRUE(s == "" && std::string() == s);
-  }
-  EXPECT_TRUE(DualSymbol::EMPTY.empty());
-}
 
 TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
   const uint64_t before = Symbol::GetInternedCount();
@@ -50,27 +38,29 @@ TEST(Symbol, EqualTextsShareOneEntryThatGoesWithTheLastHandle) {
   EXPECT_EQ(before, Symbol::GetInternedCount());
 }
 
-TEST(Symbol, HashIsFnv1aOverEveryByte) {
+TEST(Symbol, EmptyTextsHashAndOrder) {
+  for (const Symbol& s : {Symbol(""), Symbol(static_cast<const char*>(nullptr)),
+                          Symbol(std::string()), Symbol(BasicStringSpan<char const>())}) {
+    EXPECT_EQ(Symbol::EMPTY, s);
+    EXPECT_STREQ("", s.c_str());
+    EXPECT_TRUE(s == "" && std::string() == s);
+  }
+  EXPECT_TRUE(DualSymbol::EMPTY.empty());
+  // FNV-1a over every byte.
   EXPECT_EQ(0xAF63DC4C8601EC8Cull, Symbol("a").GetHash());
   EXPECT_EQ(0x85944171F73967E8ull, Symbol("foobar").GetHash());
   EXPECT_EQ(0xCBF29CE484222325ull, Symbol::Hash("", 0));
   const Symbol withNul(std::string("a\0b", 3));
   EXPECT_EQ(3u, withNul.size());
   EXPECT_NE(Symbol("a").GetHash(), withNul.GetHash());
-}
-
-TEST(Symbol, OrdersByUnsignedBytesShorterFirst) {
+  // Unsigned bytes, the shorter text first.
   const std::pair<Symbol, Symbol> ordered[] = {{"ab", "abc"},
                                                {"abc", "abd"},
                                                {Symbol(), "a"},
                                                {"z", "\x80"},  // 0x80 sorts after letters
                                                {"a", Symbol(std::string("a\0", 2))}};
-  for (const auto& [a, b] : ordered) {
-    EXPECT_TRUE(a < b) << a;
-    EXPECT_FALSE(b < a) << a;
-  }
-  EXPECT_FALSE(Symbol() < Symbol());
-  EXPECT_FALSE(Symbol("b") < Symbol("b"));
+  for (const auto& [a, b] : ordered) EXPECT_TRUE(a < b && !(b < a)) << a;
+  EXPECT_FALSE(Symbol() < Symbol() || Symbol("b") < Symbol("b"));
 }
 
 TEST(Symbol, TextOperationsFollowStdString) {
@@ -107,24 +97,17 @@ TEST(Symbol, TableSurvivesGrowthAndRemovalInAnyOrder) {
   // Enough texts to grow every shard several times, then removal in random
   // order, checking that every survivor is still found as itself.
   const uint64_t before = Symbol::GetInternedCount();
-  std::vector<Symbol> held;
   std::vector<std::string> texts;
-  for (int i = 0; i < 20000; ++i) {
-    texts.push_back("text-" + std::to_string(i * 7919));
-    held.emplace_back(texts.back());
-  }
+  for (int i = 0; i < 20000; ++i) texts.push_back("text-" + std::to_string(i * 7919));
+  std::vector<Symbol> held(texts.begin(), texts.end());
   EXPECT_EQ(before + 20000, Symbol::GetInternedCount());
-  std::mt19937 rng(7);
   std::vector<size_t> order(held.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::shuffle(order.begin(), order.end(), rng);
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), std::mt19937(7));
   for (size_t k = 0; k < order.size(); ++k) {
     held[order[k]].clear();
-    if (k % 997 == 0) {
-      for (size_t j = k + 1; j < order.size(); j += 13) {
-        ASSERT_EQ(held[order[j]], Symbol(texts[order[j]])) << texts[order[j]];
-      }
-    }
+    for (size_t j = k + 1; k % 997 == 0 && j < order.size(); j += 13)
+      ASSERT_EQ(held[order[j]], Symbol(texts[order[j]])) << texts[order[j]];
   }
   EXPECT_EQ(before, Symbol::GetInternedCount());
 }
