@@ -79,10 +79,9 @@ template <class S>
   // past the end, and NPOS - 1.
   std::vector<uint64_t> from = {n ? rng() % n : 0, n ? rng() % n : 0, n - 1, n, NPOS - 1, NPOS};
   for (uint64_t i = s.GetFirstSetFlag(); i != NPOS; i = next(i)) from.push_back(i);
-  for (const uint64_t i : from) {
+  for (const uint64_t i : from)
     if (s.GetNextSetFlag(i) != next(i))
       return ::testing::AssertionFailure() << "GetNextSetFlag(" << i << ") differs";
-  }
   return ::testing::AssertionSuccess();
 }
 
@@ -193,15 +192,12 @@ void RunRandomOperations(uint64_t base, uint64_t seed) {
             if (PROPAGATE) owner = other;
             break;
           case 6:  // s becomes a copy of o, in every way there is
-            if (how == 0) {
-              s = o;
-            } else if (how == 1) {
-              s = std::move(o);
-            } else if (how == 2 || !RESIZABLE<S>) {
-              s = S(o);
-            } else if constexpr (RESIZABLE<S>) {
-              s = S(std::move(o), s.get_allocator());
-              other = owner;  // the new set took s's allocator
+            if (how == 0) s = o;
+            if (how == 1) s = std::move(o);
+            if (how == 2 || (how == 3 && !RESIZABLE<S>)) s = S(o);
+            if constexpr (RESIZABLE<S>) {
+              // The new set takes s's allocator.
+              if (how == 3) s = S(std::move(o), s.get_allocator()), other = owner;
             }
             m = om;
             if (PROPAGATE) owner = other;
@@ -216,15 +212,9 @@ void RunRandomOperations(uint64_t base, uint64_t seed) {
               const uint64_t to = rng() % 2 ? base : rng() % (2 * base + 70);
               const bool value = how < 2;
               const int allocations = owner->allocations;
-              if (op == 9) {
-                s.resize(to, value);
-                m.resize(to, value);
-              } else if (op == 10) {
-                s.assign(to, value);
-                m.assign(to, value);
-              } else {
-                AssignList(s, m, rng, std::make_index_sequence<130>());
-              }
+              if (op == 9) s.resize(to, value), m.resize(to, value);
+              if (op == 10) s.assign(to, value), m.assign(to, value);
+              if (op == 11) AssignList(s, m, rng, std::make_index_sequence<130>());
               // The same number of words: the block is kept.
               if (op != 11 && n > 64 && to > 64 && (n + 63) / 64 == (to + 63) / 64)
                 ASSERT_EQ(owner->allocations, allocations);

@@ -6,9 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <random>
-#include <stdexcept>
 #include <thread>
 
 #ifdef _WIN32
@@ -166,10 +164,6 @@ ScopedEnv::ScopedEnv(std::string name, const std::string& value)
   SetEnv(m_name, value);
 }
 
-ScopedEnv::~ScopedEnv() {
-  SetEnv(m_name, m_saved);
-}
-
 int RunPython(const std::string& script, const std::vector<std::string>& args,
               std::string* output) {
   TempDir dir;
@@ -181,13 +175,7 @@ int RunPython(const std::string& script, const std::vector<std::string>& args,
   return status;
 }
 
-ScopedTempArea::ScopedTempArea(const std::string& dir) : m_saved(GetEnv(TEMP_AREA_VARIABLE)) {
-  SetEnv(TEMP_AREA_VARIABLE, dir);
-}
-
-ScopedTempArea::~ScopedTempArea() {
-  SetEnv(TEMP_AREA_VARIABLE, m_saved);
-}
+ScopedTempArea::ScopedTempArea(const std::string& dir) : m_env(TEMP_AREA_VARIABLE, dir) {}
 
 ChildProcess::ChildProcess(const std::string& filter) {
   const std::string filterArg = "--gtest_filter=" + filter;
@@ -206,10 +194,6 @@ ChildProcess::ChildProcess(const std::string& filter) {
       posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv.data(), environ) == 0 ? pid : -1;
 #endif
   if (m_handle == -1) throw std::runtime_error("cannot start the child process");
-}
-
-ChildProcess::~ChildProcess() {
-  Kill();
 }
 
 void ChildProcess::Kill() {
@@ -252,10 +236,6 @@ int ChildProcess::WaitFor(int seconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return m_status;
-}
-
-int ChildProcess::Wait() {
-  return WaitFor(-1);
 }
 
 std::string ExecutableDirectory() {

@@ -5,11 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "oru/data_source.h"
 
@@ -75,7 +71,7 @@ std::string GetEnv(const std::string& name);
 class ScopedEnv {
 public:
   ScopedEnv(std::string name, const std::string& value);
-  ~ScopedEnv();
+  ~ScopedEnv() { SetEnv(m_name, m_saved); }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
@@ -94,12 +90,9 @@ int RunPython(const std::string& script, const std::vector<std::string>& args,
 class ScopedTempArea {
 public:
   explicit ScopedTempArea(const std::string& dir);
-  ~ScopedTempArea();
-  ScopedTempArea(const ScopedTempArea&) = delete;
-  ScopedTempArea& operator=(const ScopedTempArea&) = delete;
 
 private:
-  std::string m_saved;
+  ScopedEnv m_env;
 };
 
 // Another run of this test program that runs only the tests matching
@@ -108,7 +101,7 @@ private:
 class ChildProcess {
 public:
   explicit ChildProcess(const std::string& filter);
-  ~ChildProcess();
+  ~ChildProcess() { Kill(); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -118,7 +111,7 @@ public:
   bool Running();
   // Waits for a normal end; the exit status (-1 when it did not exit
   // normally).
-  int Wait();
+  int Wait() { return WaitFor(-1); }
   // As Wait, but kills the process after `seconds` and returns -2.
   int WaitFor(int seconds);
 

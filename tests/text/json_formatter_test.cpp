@@ -5,19 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cfloat>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <functional>
-#include <iomanip>
-#include <limits>
-#include <map>
-#include <ostream>
 #include <random>
-#include <sstream>
-#include <string>
 
 #include "support/test_util.h"
 
@@ -71,8 +64,6 @@ TEST(JsonFormatterTest, Layout) {
     unsigned indent;
     const char *script, *text;
   } cases[] = {
-      {0, "{a:1}", R"({"a":1})"},
-      {2, "{a:1}", "{\n  \"a\" : 1\n}"},
       {0, "{a:[1,2],b:{},c:[]}", R"({"a":[1,2],"b":{},"c":[]})"},
       // A bracket closed right after an empty compound stays on its line.
       {2, "{a:[1,2],b:{},c:[]}",
@@ -189,10 +180,8 @@ private:
     if (Pick(2)) v = -v;
     if (Pick(8) == 0) v = static_cast<float>(v);
     m_json.FormatFloating(v);
-    uint64_t bits;
-    std::memcpy(&bits, &v, sizeof bits);
     char text[32];
-    std::snprintf(text, sizeof text, "D('%016" PRIx64 "')", bits);
+    std::snprintf(text, sizeof text, "D('%016" PRIx64 "')", std::bit_cast<uint64_t>(v));
     m_expected += std::isfinite(v) ? text : "None";
   }
 
