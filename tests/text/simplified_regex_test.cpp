@@ -152,8 +152,8 @@ TEST(SimplifiedRegex, PatternsPastTheSizeLimitsAreRejected) {
       {std::string(50000, '('), ""},
       {std::string(50000, 'a'), ""},
       // Counted repetitions are spelled out by the engine: they count so.
-      {"a{1000}b", std::string(1000, 'a') + "b"},
-      {"a{3000}", ""},
+      {"a{2041}b", std::string(2041, 'a') + "b"},
+      {"a{2049}", ""},
       {"(ab{10,40}){50}", ""},
       {"a{3,99999999999999999999}", ""},
   };
