@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <tuple>
 
@@ -41,10 +42,7 @@ std::string Mixed(size_t size) {
 }
 
 // gzip header flag bits (RFC 1952).
-constexpr int FHCRC = 2;
-constexpr int FEXTRA = 4;
-constexpr int FNAME = 8;
-constexpr int FCOMMENT = 16;
+constexpr int FHCRC = 2, FEXTRA = 4, FNAME = 8, FCOMMENT = 16;
 
 // A gzip member written by zlib with the optional header fields that `flags`
 // asks for: extra field, name, comment and header CRC, in that order after
@@ -104,15 +102,15 @@ enum class Kind { File, Memory };
 class CompressedSourceTest : public testing::TestWithParam<Kind> {
 protected:
   // A compressed source over `bytes`, created with the underlying source at
-  // `start`; the underlying source is kept in `under`.
+  // `start`; the underlying source is kept in `under`. Never null: creation
+  // throws at a bad header (and here, when the file cannot be made).
   std::shared_ptr<CompressedDataSource> Open(const std::string& bytes, uint64_t n = 0,
                                              int64_t start = 0) {
     if (GetParam() == Kind::File) {
       const std::string path = dir.File("stream" + std::to_string(files++));
       WriteFile(path, bytes);
       auto file = FileDataSource::Create(path);
-      EXPECT_NE(file, nullptr);
-      if (!file) return {};
+      if (!file) throw std::runtime_error("cannot open " + path);
       EXPECT_EQ(file->Seek(start, DataSource::DS_SEEK_SET), 0);
       under = file;
       return CompressedFileDataSource::Create(file, n);
@@ -126,7 +124,6 @@ protected:
   // Checks that a truncated stream gives what zlib can inflate of it.
   void ExpectPrefixOfTruncated(const std::string& cut, const std::string& data) {
     auto src = Open(cut);
-    ASSERT_NE(src, nullptr);
     std::string got;
     ASSERT_NO_THROW(got = ReadAll(*src, 4096));
     EXPECT_GT(got.size(), 0u);
@@ -160,32 +157,9 @@ TEST_P(CompressedSourceTest, EveryCombinationOfOptionalGzipFields) {
                              : GzipMember(data, flags, extra, "name.txt", "a comment, \xC3\xA9");
       for (size_t i = gz.size() - 8; i < gz.size(); ++i) gz[i] = static_cast<char>(~gz[i]);
       auto src = Open(gz + GzipMember("second", 0));
-      ASSERT_NE(src, nullptr);
       EXPECT_EQ(ReadAll(*src, 1000), data);
       EXPECT_TRUE(src->IsEndOfBuffer());
     }
-  }
-}
-
-TEST_P(CompressedSourceTest, LargeStreamReadInPiecesOfEverySize) {
-  // Over 5 MB: many output chunks and, for files, many input blocks. Step 0
-  // reads byte by byte.
-  const std::string data = Mixed(5 * 1024 * 1024 + 123);
-  const std::string z = Deflate(data, 'z');
-  for (uint64_t step : {uint64_t{0}, uint64_t{13}, uint64_t{4096}, uint64_t{65536}, uint64_t{65537},
-                        uint64_t{1} << 20, uint64_t{8} << 20}) {
-    SCOPED_TRACE("step " + std::to_string(step));
-    auto src = Open(z);
-    ASSERT_NE(src, nullptr);
-    std::string got;
-    if (step == 0) {
-      for (int c = src->GetByte(); c != -1; c = src->GetByte()) got += static_cast<char>(c);
-    } else {
-      got = ReadAll(*src, step);
-    }
-    ASSERT_EQ(got.size(), data.size());
-    EXPECT_TRUE(got == data);
-    EXPECT_TRUE(src->IsEndOfBuffer());
   }
 }
 
@@ -199,7 +173,6 @@ TEST_P(CompressedSourceTest, LimitEndsTheStream) {
   for (uint64_t n : {uint64_t{z.size()}, uint64_t{z.size() / 2}}) {
     SCOPED_TRACE("limit " + std::to_string(n));
     auto src = Open(z + RandomBytes(100000, 11), n);
-    ASSERT_NE(src, nullptr);
     std::string got;
     ASSERT_NO_THROW(got = ReadAll(*src, 4096));
     EXPECT_TRUE(got == (n == z.size() ? data : data.substr(0, got.size())));
@@ -231,11 +204,8 @@ TEST_P(CompressedSourceTest, CorruptStreamsThrowFromReads) {
   };
   for (const std::string& bytes : cases) {
     auto src = Open(bytes);
-    ASSERT_NE(src, nullptr);
     EXPECT_THROW(ReadAll(*src, 1000), UnrecognizedCompressedFormat);
   }
-  auto src = Open(cases[0]);
-  EXPECT_THROW(src->GetByte(), UnrecognizedCompressedFormat);
 }
 
 TEST_P(CompressedSourceTest, BadHeadersThrowFromCreate) {
@@ -270,13 +240,23 @@ TEST_P(CompressedSourceTest, SeekInsideWhatHasBeenInflated) {
   const std::string data = Mixed(3 * 1024 * 1024);
   const auto size = static_cast<int64_t>(data.size());
   auto src = Open(Deflate(data, 'z'));
-  ASSERT_NE(src, nullptr);
   // Nothing is inflated yet, so there is nowhere to go, not even 0.
   for (SeekOrigin origin :
        {DataSource::DS_SEEK_SET, DataSource::DS_SEEK_CUR, DataSource::DS_SEEK_END})
     EXPECT_EQ(src->Seek(0, origin), -1);
   EXPECT_EQ(src->GetOffset(), 0u);
-  ASSERT_EQ(ReadAll(*src, 1 << 20).size(), data.size());
+  // The end is the end of what has been inflated so far.
+  ASSERT_EQ(Read(*src, 100), data.substr(0, 100));
+  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
+  const uint64_t inflated = src->GetOffset() + 1;
+  EXPECT_GE(inflated, 100u);
+  EXPECT_LT(inflated, data.size());  // not the end of the stream
+  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data[inflated - 1]));
+  EXPECT_EQ(src->Seek(static_cast<int64_t>(inflated), DataSource::DS_SEEK_SET), -1);
+  EXPECT_FALSE(src->IsEndOfBuffer());
+  // Reading on from a seek back inflates the rest as usual.
+  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
+  ASSERT_TRUE(ReadAll(*src, 1 << 20) == data.substr(10));
 
   constexpr SeekOrigin SET = DataSource::DS_SEEK_SET, CUR = DataSource::DS_SEEK_CUR,
                        END = DataSource::DS_SEEK_END, BAD = SeekOrigin(3);
@@ -309,25 +289,6 @@ TEST_P(CompressedSourceTest, SeekInsideWhatHasBeenInflated) {
   EXPECT_TRUE(src->IsEndOfBuffer());
 }
 
-TEST_P(CompressedSourceTest, SeekEndIsTheEndOfWhatIsInflatedSoFar) {
-  const std::string data = RandomBytes(1024 * 1024, 6);
-  auto src = Open(Deflate(data, 'z'));
-  ASSERT_NE(src, nullptr);
-  ASSERT_EQ(Read(*src, 100), data.substr(0, 100));
-
-  ASSERT_EQ(src->Seek(-1, DataSource::DS_SEEK_END), 0);
-  const uint64_t last = src->GetOffset();
-  EXPECT_GE(last, 99u);
-  EXPECT_LT(last + 1, data.size());  // not the end of the stream
-  EXPECT_EQ(src->GetByte(), static_cast<unsigned char>(data[last]));
-  EXPECT_EQ(src->Seek(static_cast<int64_t>(last) + 1, DataSource::DS_SEEK_SET), -1);
-  EXPECT_FALSE(src->IsEndOfBuffer());
-
-  // Reading on from a seek back inflates the rest as usual.
-  ASSERT_EQ(src->Seek(10, DataSource::DS_SEEK_SET), 0);
-  EXPECT_TRUE(ReadAll(*src, 50000) == data.substr(10));
-}
-
 TEST_P(CompressedSourceTest, BoundedMemoryGivesTheSameBytesWhereverItSeeks) {
   // Read whole with 256 KiB kept: seeks behind the kept chunks inflate again
   // from the start (gzip and zlib streams), and every read matches the data.
@@ -335,7 +296,6 @@ TEST_P(CompressedSourceTest, BoundedMemoryGivesTheSameBytesWhereverItSeeks) {
   std::mt19937 rng(5);
   for (const std::string& stream : {GzipMember(data, 0), Deflate(data, 'z')}) {
     auto src = Open(stream);
-    ASSERT_NE(src, nullptr);
     if (auto file = std::dynamic_pointer_cast<CompressedFileDataSource>(src))
       file->SetMemoryLimit(256 << 10);
     if (auto memory = std::dynamic_pointer_cast<CompressedInMemoryDataSource>(src))
@@ -356,13 +316,9 @@ TEST_P(CompressedSourceTest, BoundedMemoryGivesTheSameBytesWhereverItSeeks) {
 
 TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
   auto src = Open(Deflate(Text(1000), 'z'));
-  ASSERT_NE(src, nullptr);
   ReadAll(*src, 100);
   EXPECT_EQ(src->GetFileSize(), 0u);
   EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
-  // The whole-content copy goes by GetFileSize, so it is empty.
-  EXPECT_EQ(src->ExtractBuffer()->GetSize(), 0u);
-  EXPECT_EQ(src->Clone(), nullptr);
   EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
   // The time stamp and the temporary flag are the underlying source's.
   EXPECT_EQ(src->GetTimeStamp(), under->GetTimeStamp());
@@ -379,36 +335,21 @@ TEST_P(CompressedSourceTest, CompressedOffsetFollowsTheInflatedPosition) {
   const uint64_t start = 5;
   const uint64_t end = start + z.size();
   auto src = Open("xxxxx" + z + "trailing", 0, static_cast<int64_t>(start));
-  ASSERT_NE(src, nullptr);
   EXPECT_EQ(src->GetCompressedOffset(), start);  // nothing inflated yet
-
-  uint64_t previous = start;
-  uint64_t total = 0;
-  while (true) {
+  for (uint64_t previous = start, total = 0; total < data.size();) {
     const uint64_t got = Read(*src, 10000).size();
-    if (got == 0) break;
+    ASSERT_GT(got, 0u);
     total += got;
-    const uint64_t offset = src->GetCompressedOffset();
-    EXPECT_GE(offset, previous);
-    EXPECT_LE(offset, end);
-    previous = offset;
+    EXPECT_GE(src->GetCompressedOffset(), previous);
+    EXPECT_LE(src->GetCompressedOffset(), end);
+    previous = src->GetCompressedOffset();
   }
-  EXPECT_EQ(total, data.size());
+  EXPECT_EQ(Read(*src, 10000), "");
   // At the end every byte of the stream, checksum included, is consumed.
   EXPECT_EQ(src->GetCompressedOffset(), end);
   // Back at the start the estimate is back at the start too.
   ASSERT_EQ(src->Seek(0, DataSource::DS_SEEK_SET), 0);
   EXPECT_EQ(src->GetCompressedOffset(), start);
-
-  // A gzip stream's data starts after its header, here with a name and a
-  // comment; the trailer is not inflated.
-  const std::string gz = GzipMember(Text(1000), FNAME | FCOMMENT, "", "abc", "de");
-  src = Open(gz);
-  ASSERT_NE(src, nullptr);
-  EXPECT_EQ(src->GetCompressedOffset(), 10u + 4u + 3u);
-  ReadAll(*src, 100);
-  EXPECT_GT(src->GetCompressedOffset(), 17u);
-  EXPECT_LE(src->GetCompressedOffset(), gz.size() - 8);
 }
 
 // ---- data from independent tools ------------------------------------------------------------
@@ -429,7 +370,6 @@ TEST_P(CompressedSourceTest, FilesFromTheGzipTool) {
   for (const auto& [gz, data, headerLength] :
        {std::tuple(&plain, &large, 10u), std::tuple(&named, &text, 10u + 15u)}) {
     auto src = Open(*gz);
-    ASSERT_NE(src, nullptr);
     EXPECT_EQ(src->GetCompressedOffset(), headerLength);
     EXPECT_TRUE(ReadAll(*src, 65536) == *data);
     EXPECT_TRUE(src->IsEndOfBuffer());
@@ -446,22 +386,20 @@ TEST_P(CompressedSourceTest, PythonReadsOursAndWeReadPythons) {
   WriteFile(dir.File("input.bin"), data);
   WriteFile(dir.File("ours.gz"), GzipMember(text, FEXTRA | FNAME | FCOMMENT | FHCRC,
                                             RandomBytes(300, 3), "name.txt", "comment"));
-  const std::string script =
-      "import gzip,sys\n"
-      "a=sys.argv\n"
-      "with gzip.GzipFile(filename='stored-name.bin',mode='wb',fileobj=open(a[2],'wb'),"
-      "mtime=1609459200) as g: g.write(open(a[1],'rb').read())\n"
-      "open(a[4],'wb').write(gzip.open(a[3]).read())\n";
-  ASSERT_EQ(test::Run("python3 -c \"" + script + "\" '" + dir.File("input.bin") + "' '" +
-                      dir.File("theirs.gz") + "' '" + dir.File("ours.gz") + "' '" +
-                      dir.File("ours.txt") + "'"),
+  ASSERT_EQ(RunPython("import gzip,sys\n"
+                      "a=sys.argv\n"
+                      "with gzip.GzipFile(filename='stored-name.bin',mode='wb',"
+                      "fileobj=open(a[2],'wb'),mtime=1609459200) as g:\n"
+                      "  g.write(open(a[1],'rb').read())\n"
+                      "open(a[4],'wb').write(gzip.open(a[3]).read())\n",
+                      {dir.File("input.bin"), dir.File("theirs.gz"), dir.File("ours.gz"),
+                       dir.File("ours.txt")}),
             0);
   EXPECT_TRUE(ReadFile(dir.File("ours.txt")) == text);
   const std::string gz = ReadFile(dir.File("theirs.gz"));
   ASSERT_GE(gz.size(), 10u);
   EXPECT_NE(gz[3] & FNAME, 0);
   auto src = Open(gz);
-  ASSERT_NE(src, nullptr);
   EXPECT_TRUE(ReadAll(*src, 30000) == data);
 }
 
