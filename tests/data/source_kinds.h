@@ -3,6 +3,8 @@
 // and every other source through the virtual operations, so each behavioural
 // case has to hold on both roads: memory, a file, the inflated view of zlib
 // data, and a user's own source that hands out only a few bytes per call.
+// The suites include this header for gtest, the source kinds and the test
+// helpers.
 #pragma once
 
 #include <gtest/gtest.h>
