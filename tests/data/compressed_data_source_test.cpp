@@ -318,7 +318,6 @@ TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
   auto src = Open(Deflate(Text(1000), 'z'));
   ReadAll(*src, 100);
   EXPECT_EQ(src->GetFileSize(), 0u);
-  EXPECT_EQ(src->GetBufferSize(), UINT64_MAX);
   EXPECT_EQ(src->CompressedDataSourceFromThis(0), nullptr);
   // The time stamp and the temporary flag are the underlying source's.
   EXPECT_EQ(src->GetTimeStamp(), under->GetTimeStamp());
@@ -329,22 +328,17 @@ TEST_P(CompressedSourceTest, SizesAreUnknownAndTheRestIsForwarded) {
 }
 
 TEST_P(CompressedSourceTest, CompressedOffsetFollowsTheInflatedPosition) {
-  // Incompressible data, so the estimate grows steadily with the position.
-  const std::string data = RandomBytes(600000, 8);
+  // The first read inflates all of it (the first chunk is sized from the
+  // compressed length), so the estimate is the position's share of the
+  // inflated bytes, applied to the compressed bytes consumed.
+  const std::string data = RandomBytes(20000, 8);
   const std::string z = Deflate(data, 'z');
-  const uint64_t start = 5;
-  const uint64_t end = start + z.size();
+  const uint64_t start = 5, end = start + z.size();
   auto src = Open("xxxxx" + z + "trailing", 0, static_cast<int64_t>(start));
   EXPECT_EQ(src->GetCompressedOffset(), start);  // nothing inflated yet
-  for (uint64_t previous = start, total = 0; total < data.size();) {
-    const uint64_t got = Read(*src, 10000).size();
-    ASSERT_GT(got, 0u);
-    total += got;
-    EXPECT_GE(src->GetCompressedOffset(), previous);
-    EXPECT_LE(src->GetCompressedOffset(), end);
-    previous = src->GetCompressedOffset();
-  }
-  EXPECT_EQ(Read(*src, 10000), "");
+  ASSERT_EQ(Read(*src, 5000), data.substr(0, 5000));
+  EXPECT_EQ(src->GetCompressedOffset(), start + z.size() / 4);
+  ASSERT_EQ(Read(*src, 20000), data.substr(5000));
   // At the end every byte of the stream, checksum included, is consumed.
   EXPECT_EQ(src->GetCompressedOffset(), end);
   // Back at the start the estimate is back at the start too.
