@@ -90,23 +90,6 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
   }
 }
 
-// The second line of each is shorter than the first and ends at a CR LF or
-// at the end of the data: its terminator must overwrite what was there.
-TYPED_TEST(LineReaderKinds, BufferHoldsRawBytesOrUnits) {
-  const std::string marked[] = {"\xFF\xFEx\0y\0z\0\n\0\xE9\0A\0\r\0\n\0"s,
-                                "\xFE\xFF\0x\0y\0z\0\n\0\xE9\0A"s};
-  for (const std::string& bytes : marked) {
-    DataStream s = this->Make(bytes);
-    LineReader reader(&s, 0);
-    ASSERT_TRUE(reader.ReadLine() && reader.ReadLine());
-    char16_t units[3];
-    std::memcpy(units, reader.GetBuffer(), sizeof units);
-    EXPECT_EQ(units[0], 0xFFE9);
-    EXPECT_EQ(units[1], u'A');
-    EXPECT_EQ(units[2], 0);
-  }
-}
-
 TYPED_TEST(LineReaderKinds, LongLinesAcrossBlocks) {
   {
     // The first 4 KiB block ends in the CR of an empty line whose LF starts
