@@ -79,7 +79,6 @@ TYPED_TEST(LineReaderKinds, LinesMarksAndEncodings) {
     SCOPED_TRACE(c.name);
     DataStream s = this->Make(c.bytes);
     LineReader reader(&s, c.limit);
-    EXPECT_EQ(reader.GetBuffer(), nullptr);
     EXPECT_EQ(ReadAll(reader), c.lines);
     EXPECT_FALSE(reader.ReadLine());
     EXPECT_EQ(reader.GetBuffer(), nullptr);
@@ -103,6 +102,15 @@ TYPED_TEST(LineReaderKinds, LongLinesAcrossBlocks) {
     LineReader reader(&s, 0);
     EXPECT_EQ(ReadAll(reader), lines);
   }
+}
+
+// The last UTF-16 line, shorter than the one before, is zero-terminated in
+// the buffer (GetString goes by its length; callers of GetBuffer do not).
+TYPED_TEST(LineReaderKinds, LastUnitLineIsTerminatedInTheBuffer) {
+  DataStream s = this->Make("\xFE\xFF\0x\0y\0z\0\n\0A"s);
+  LineReader reader(&s, 0);
+  ASSERT_TRUE(reader.ReadLine() && reader.ReadLine());
+  EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(reader.GetBuffer())), u"A");
 }
 
 TYPED_TEST(LineReaderKinds, ReadBinary) {
