@@ -7,7 +7,6 @@
 #include <chrono>
 #include <future>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "oru/remote_call.h"
@@ -58,10 +57,8 @@ TEST(RemoteCallThread, RunsCallsOnItsOwnThread) {
 
 TEST(RemoteCallThread, TerminationBreaksThePromisesOfQueuedCalls) {
   RemoteCall_thread worker;
-  std::promise<void> gate;
-  std::shared_future<void> open = gate.get_future().share();
-  std::promise<void> started;
-  auto blocker = worker.Post([open, &started] {
+  std::promise<void> gate, started;
+  auto blocker = worker.Post([open = gate.get_future().share(), &started] {
     started.set_value();
     open.wait();
   });
@@ -71,11 +68,7 @@ TEST(RemoteCallThread, TerminationBreaksThePromisesOfQueuedCalls) {
   for (int i = 0; i < 10; ++i) queued.push_back(worker.Post([&ran] { ++ran; }));
   std::thread terminator([&] { worker.Terminate(); });
   // Once posts are dropped at once, the loop is flagged: open the gate.
-  for (;;) {
-    auto probe = worker.Post([] {});
-    if (probe.wait_for(0s) == std::future_status::ready) break;
-    std::this_thread::yield();
-  }
+  while (worker.Post([] {}).wait_for(0s) != std::future_status::ready) std::this_thread::yield();
   gate.set_value();
   terminator.join();
   blocker.get();
@@ -110,9 +103,10 @@ TEST(RemoteCallThread, TimerFollowsThePeriodMode) {
     EXPECT_EQ(999 * 1000 / 2, sum);
     third.get_future().wait();
     worker.DisableTimer();
-    const size_t count = worker.Post([&] { return ticks.size(); }).get();
+    auto tickCount = [&] { return worker.Post([&] { return ticks.size(); }).get(); };
+    const size_t count = tickCount();
     std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(count, worker.Post([&] { return ticks.size(); }).get());
+    EXPECT_EQ(count, tickCount());
     for (const auto& [budget, when] : ticks) {
       EXPECT_LE(budget, 100);
       EXPECT_TRUE(prioritise ? budget > 20 : budget == 20) << budget;
@@ -153,8 +147,7 @@ TEST(RemoteCallThread, NothingIsLostUnderLoadAndOrderHoldsPerPoster) {
 TEST(RemoteCallThread, TerminateRacingPostersNeverRunsLateAndNeverLosesAPromise) {
   for (int round = 0; round < 20; ++round) {
     RemoteCall_thread worker;
-    std::atomic<bool> returned{false};
-    std::atomic<bool> lateRun{false};
+    std::atomic<bool> returned{false}, lateRun{false};
     std::vector<std::vector<std::future<void>>> futures(3);
     std::vector<std::thread> posters;
     for (int p = 0; p < 3; ++p) {
@@ -171,11 +164,9 @@ TEST(RemoteCallThread, TerminateRacingPostersNeverRunsLateAndNeverLosesAPromise)
     returned = true;
     for (auto& t : posters) t.join();
     EXPECT_FALSE(lateRun);
+    // Every future is settled: run (value) or dropped (broken promise).
     for (auto& list : futures) {
-      for (auto& f : list) {
-        // Every future is settled: run (value) or dropped (broken promise).
-        ASSERT_EQ(std::future_status::ready, f.wait_for(0s));
-      }
+      for (auto& f : list) ASSERT_EQ(std::future_status::ready, f.wait_for(0s));
     }
   }
 }
@@ -217,9 +208,8 @@ TEST(RemoteCallMessenger, NotifiesOncePerBatchAndRunsOnTheAppThread) {
   std::thread([&] { dropped = messenger.Post([] {}); }).join();
   EXPECT_EQ(2, messenger.notifications);
   messenger.Terminate();
-  EXPECT_TRUE(IsBroken(dropped));
   std::thread([&] { late = messenger.Post([] {}); }).join();
-  EXPECT_TRUE(IsBroken(late));
+  EXPECT_TRUE(IsBroken(dropped) && IsBroken(late));
 }
 
 }  // namespace

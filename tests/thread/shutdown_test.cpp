@@ -4,7 +4,6 @@
 // program, so a failure cannot take the other tests with it.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 
