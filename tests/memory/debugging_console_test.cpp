@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <string>
 
 #include "support/test_util.h"
 

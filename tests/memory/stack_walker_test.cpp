@@ -1,17 +1,12 @@
 // StackWalker: capture, and names, lines and modules of addresses in this
 // program, in the library and outside any module.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdint>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "oru/heap_trace.h"
 #include "oru/stack_walker.h"
@@ -19,6 +14,8 @@
 
 namespace oru {
 namespace {
+
+using ::testing::HasSubstr;
 
 #if defined(__GNUC__)
 #define ORU_NOINLINE __attribute__((noinline))
@@ -53,13 +50,13 @@ ORU_NOINLINE size_t Recurse(StackWalker& walker, int depth) {
 
 // Index of the walker's own frame in a captured stack (the size when absent).
 size_t OwnFrame(StackWalker& walker, const Probe& probe) {
-  for (size_t i = 0; i < probe.stack.size(); ++i) {
-    if (walker.FunctionForAddress(probe.stack[i]).find("StackWalker::CurrentCallstack") !=
-        std::string::npos) {
-      return i;
-    }
+  size_t i = 0;
+  while (i < probe.stack.size() &&
+         walker.FunctionForAddress(probe.stack[i]).find("StackWalker::CurrentCallstack") ==
+             std::string::npos) {
+    ++i;
   }
-  return probe.stack.size();
+  return i;
 }
 
 // A return address points past its call; the call is one byte before.
@@ -97,21 +94,18 @@ TEST_F(StackWalkerTest, CapturesInnermostFirstAndResolvesThisProgramsFrames) {
   const size_t own = OwnFrame(*walker, probe);
   ASSERT_LE(own, 1u);
   ASSERT_GE(probe.stack.size(), own + 3);
-  const std::string caller = walker->FunctionForAddress(probe.stack[own + 1]);
-  EXPECT_NE(std::string::npos, caller.find("WalkerProbe")) << caller;
-  const std::string body = walker->FunctionForAddress(probe.stack[own + 2]);
-  EXPECT_NE(std::string::npos, body.find("StackWalkerTest")) << body;
+  EXPECT_THAT(walker->FunctionForAddress(probe.stack[own + 1]), HasSubstr("WalkerProbe"));
+  EXPECT_THAT(walker->FunctionForAddress(probe.stack[own + 2]), HasSubstr("StackWalkerTest"));
 
   void* call = CallSite(probe.stack[own + 1]);
   const auto [file, line] = walker->FileAndLineNoForAddress(call);
   EXPECT_EQ("stack_walker_test.cpp", FileName(file)) << file;
   EXPECT_EQ(static_cast<unsigned>(probe.callLine), line);
   // The module is this test program, not the library.
-  const std::string module = walker->ModuleForAddress(call);
-  EXPECT_EQ("oru_tests", module);
+  EXPECT_EQ("oru_tests", walker->ModuleForAddress(call));
   const std::string libraryModule = walker->ModuleForAddress(probe.stack[own]);
-  EXPECT_NE(std::string::npos, libraryModule.find("oru")) << libraryModule;
-  EXPECT_NE(module, libraryModule);
+  EXPECT_THAT(libraryModule, HasSubstr("oru"));
+  EXPECT_NE("oru_tests", libraryModule);
 }
 
 TEST_F(StackWalkerTest, AddressesOutsideAnyModuleGiveEmptyResults) {
@@ -147,7 +141,7 @@ TEST(StackWalkerThreads, SeveralWalkersAtOnceOnSeveralThreads) {
     });
   }
   for (auto& thread : threads) thread.join();
-  for (const auto& name : names) EXPECT_NE(std::string::npos, name.find("WalkerProbe")) << name;
+  for (const auto& name : names) EXPECT_THAT(name, HasSubstr("WalkerProbe"));
 }
 
 #if !defined(_WIN32)
@@ -158,7 +152,7 @@ TEST(StackWalkerWithoutLibdw, DISABLED_Child) {
     StackWalker walker;
     FAIL() << "a walker was made without libdw";
   } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string::npos, std::string(error.what()).find("libdw.so.1")) << error.what();
+    EXPECT_THAT(error.what(), HasSubstr("libdw.so.1"));
   }
   // A heap trace needs a walker too, and says so the same way.
   test::TempDir dir;
@@ -179,11 +173,8 @@ TEST(StackWalkerWithoutLibdw, ConstructionThrowsAClearError) {
   ASSERT_FALSE(zlib.empty()) << "zlib is not mapped";
   test::TempDir dir;
   std::filesystem::copy_file(zlib, dir.path() / "libdw.so.1");
-  const std::string saved = test::GetEnv("LD_LIBRARY_PATH");
-  test::SetEnv("LD_LIBRARY_PATH", dir.path().string());
-  test::ChildProcess child("StackWalkerWithoutLibdw.DISABLED_Child");
-  test::SetEnv("LD_LIBRARY_PATH", saved);
-  EXPECT_EQ(0, child.WaitFor(120));
+  test::ScopedEnv path("LD_LIBRARY_PATH", dir.path().string());
+  EXPECT_EQ(0, test::ChildProcess("StackWalkerWithoutLibdw.DISABLED_Child").WaitFor(120));
 }
 #endif
 

@@ -21,7 +21,6 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
 #include "oru/stack_walker.h"
 #include "support/test_util.h"
@@ -65,9 +64,7 @@ std::string ModulePath(HMODULE module) {
 // A DLL without the Sym* entry points, built with this program and placed
 // next to it (tests/support/plain_dll.cc).
 std::string DllWithoutSymbolFunctions() {
-  const std::string exe = ModulePath(nullptr);
-  const std::size_t cut = exe.find_last_of("\\/");
-  return cut == std::string::npos ? std::string() : exe.substr(0, cut) + "\\oru_test_plain.dll";
+  return test::ExecutableDirectory() + "\\oru_test_plain.dll";
 }
 
 std::string SystemDbgHelp() {
@@ -76,40 +73,19 @@ std::string SystemDbgHelp() {
   return n == 0 || n >= MAX_PATH ? std::string() : std::string(dir, n) + "\\dbghelp.dll";
 }
 
-// Sets an environment variable (empty: removes it) while the object lives.
-class ScopedEnv {
-public:
-  ScopedEnv(std::string name, const std::string& value)
-      : m_name(std::move(name)), m_saved(test::GetEnv(m_name)) {
-    test::SetEnv(m_name, value);
-  }
-  ~ScopedEnv() { test::SetEnv(m_name, m_saved); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-  std::string m_name;
-  std::string m_saved;
-};
-
 // A %ProgramFiles% of our own for the child runs, into whose installation
 // folders copies of dbghelp.dll are placed. It travels in a variable of ours:
 // wine sets ProgramFiles afresh in every process it starts.
 constexpr const char* PROGRAM_FILES_VARIABLE = "ORU_TEST_PROGRAM_FILES";
 
-class ProgramFiles {
-public:
-  ProgramFiles() : m_env(PROGRAM_FILES_VARIABLE, m_dir.path().string()) {}
-
+struct ProgramFiles {
   // Places a dbghelp.dll of the given contents in an installation folder.
   void Place(const char* folder, const std::string& bytes) {
-    fs::create_directories(m_dir.path() / folder);
-    test::WriteFile((m_dir.path() / folder / "dbghelp.dll").string(), bytes);
+    fs::create_directories(dir.path() / folder);
+    test::WriteFile((dir.path() / folder / "dbghelp.dll").string(), bytes);
   }
-
-private:
-  test::TempDir m_dir;
-  ScopedEnv m_env;
+  test::TempDir dir;
+  test::ScopedEnv env{PROGRAM_FILES_VARIABLE, dir.path().string()};
 };
 
 // wine loads its built-in dbghelp in place of any file of that name. While
@@ -137,8 +113,6 @@ public:
       RegDeleteKeyValueA(HKEY_CURRENT_USER, KEY, "dbghelp");
     }
   }
-  WineDbgHelpOrder(const WineDbgHelpOrder&) = delete;
-  WineDbgHelpOrder& operator=(const WineDbgHelpOrder&) = delete;
 
 private:
   static constexpr const char* KEY = "Software\\Wine\\DllOverrides";
@@ -155,9 +129,8 @@ private:
 // Constructs a walker in a fresh run of this program (the test below); true
 // when it behaved as `expected` says.
 bool ConstructInChild(const std::string& expected) {
-  ScopedEnv expect(EXPECT_VARIABLE, expected);
-  test::ChildProcess child("StackWalkerWin.DISABLED_ConstructInChild");
-  return child.WaitFor(300) == 0;
+  test::ScopedEnv expect(EXPECT_VARIABLE, expected);
+  return test::ChildProcess("StackWalkerWin.DISABLED_ConstructInChild").WaitFor(300) == 0;
 }
 
 // The child side: takes over the parent's %ProgramFiles%, if it set one. A
