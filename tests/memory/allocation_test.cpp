@@ -119,11 +119,7 @@ TEST(AllocationPath, ConcurrentCountsAreExact) {
       for (uint64_t i = 0; i < ROUNDS; ++i) {
         void* p = DoAllocation(size);
         static_cast<char*>(p)[size - 1] = 1;
-        if (i % 4 == 0) {
-          DoUnsizedFree(p);
-        } else {
-          DoSizedFree(p, size);
-        }
+        i % 4 == 0 ? DoUnsizedFree(p) : DoSizedFree(p, size);
       }
     });
   }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "oru/remote_call.h"
@@ -16,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-bool IsBroken(std::future<void>& f) {
+bool IsBroken(std::future<void>&& f) {
   try {
     f.get();
   } catch (const std::future_error& e) {
@@ -29,10 +30,12 @@ bool IsBroken(std::future<void>& f) {
 TEST(RemoteCallThread, RunsCallsOnItsOwnThread) {
   RemoteCall_thread worker(false);  // the argument is ignored: always its own thread
   EXPECT_FALSE(worker.IsInRemoteThread());
-  auto where = worker.Post([&] {
-    return std::make_pair(worker.IsInRemoteThread(), RemoteCall_thread::GetCurrentThreadId());
-  });
-  const auto [inside, id] = where.get();
+  const auto [inside, id] = worker
+                                .Post([&] {
+                                  return std::make_pair(worker.IsInRemoteThread(),
+                                                        RemoteCall_thread::GetCurrentThreadId());
+                                })
+                                .get();
   EXPECT_TRUE(inside);
   EXPECT_NE(RemoteCall_thread::GetCurrentThreadId(), id);
   EXPECT_TRUE(worker.MainThreadQueueEmpty());
@@ -50,8 +53,8 @@ TEST(RemoteCallThread, RunsCallsOnItsOwnThread) {
   EXPECT_TRUE(*ranLater);
 
   // Exceptions travel through the future.
-  auto failing = worker.Post([]() -> int { throw std::runtime_error("inside"); });
-  EXPECT_THROW(failing.get(), std::runtime_error);
+  EXPECT_THROW(worker.Post([]() -> int { throw std::runtime_error("inside"); }).get(),
+               std::runtime_error);
   worker.Terminate();
 }
 
@@ -73,9 +76,8 @@ TEST(RemoteCallThread, TerminationBreaksThePromisesOfQueuedCalls) {
   terminator.join();
   blocker.get();
   EXPECT_EQ(0, ran);
-  for (auto& f : queued) EXPECT_TRUE(IsBroken(f));
-  auto late = worker.Post([&ran] { ++ran; });
-  EXPECT_TRUE(IsBroken(late));
+  for (auto& f : queued) EXPECT_TRUE(IsBroken(std::move(f)));
+  EXPECT_TRUE(IsBroken(worker.Post([&ran] { ++ran; })));
   worker.DisableTimer();  // harmless after termination
 }
 
@@ -209,7 +211,7 @@ TEST(RemoteCallMessenger, NotifiesOncePerBatchAndRunsOnTheAppThread) {
   EXPECT_EQ(2, messenger.notifications);
   messenger.Terminate();
   std::thread([&] { late = messenger.Post([] {}); }).join();
-  EXPECT_TRUE(IsBroken(dropped) && IsBroken(late));
+  EXPECT_TRUE(IsBroken(std::move(dropped)) && IsBroken(std::move(late)));
 }
 
 }  // namespace
