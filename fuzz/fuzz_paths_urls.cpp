@@ -1,7 +1,7 @@
 // Arbitrary bytes as a path and as a URL: FileSpec in both styles, ParseURL,
 // the escaping pair and FindURLFileExtension must take anything without a
 // crash or a hang, and keep their round trips: a full path reads back as the
-// same spec, and unescaping undoes escaping.
+// same path, and unescaping undoes escaping.
 #include <oru/file_spec.h>
 #include <oru/url.h>
 
@@ -13,13 +13,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   for (auto style : {oru::FileSpec::Style::Posix, oru::FileSpec::Style::Windows}) {
-    oru::FileSpec spec(text, style);
-    if (oru::FileSpec(spec.GetFullPath(), style) != spec) __builtin_trap();
-    (void)spec.GetExtension();
-    (void)spec.GetBaseName();
-    oru::FileSpec relative = spec;
+    oru::FileSpec parsed(text, style);
+    if (oru::FileSpec(parsed.GetFullPath(), style) != parsed) __builtin_trap();
+    (void)parsed.GetExtension();
+    (void)parsed.GetBaseName();
+    oru::FileSpec relative = parsed;
     (void)relative.MakeRelativeTo(oru::FileSpec(text.substr(0, size / 2), style));
-    spec.Join(relative).Normalize();
+    parsed.Join(relative).Normalize();
   }
   oru::URLParts parts;
   (void)oru::ParseURL(text, parts);

@@ -1,12 +1,12 @@
 // FileSpec: a file path taken apart into drive, directories, base name and
 // extension, to be changed piece by piece and put back together.
 //
-//   oru::FileSpec spec("/data/models/../scenes/hall.v2.glb");
-//   spec.Normalize();                       // /data/scenes/hall.v2.glb
-//   spec.GetExtension();                    // "glb"
-//   spec.SetExtension("json");
-//   spec.GetFullPath();                     // "/data/scenes/hall.v2.json"
-//   spec.MakeRelativeTo(oru::FileSpec("/data/models/"));   // "../scenes/hall.v2.json"
+//   oru::FileSpec path("/data/models/../scenes/hall.v2.glb");
+//   path.Normalize();                       // /data/scenes/hall.v2.glb
+//   path.GetExtension();                    // "glb"
+//   path.SetExtension("json");
+//   path.GetFullPath();                     // "/data/scenes/hall.v2.json"
+//   path.MakeRelativeTo(oru::FileSpec("/data/models/"));   // "../scenes/hall.v2.json"
 //
 // Text is UTF-8 in and out; names are bytes, compared exactly (ASCII
 // case-insensitively for Windows paths). Two path styles are understood:
@@ -20,12 +20,12 @@
 // "/" elsewhere).
 //
 // The last part of a path is its file name, unless the path ends with a
-// separator or the part is "." or "..": then the spec names a directory and
+// separator or the part is "." or "..": then the path names a directory and
 // GetFileName() is empty. Runs of separators count as one. The extension is
 // what follows the last dot of the file name (".bashrc" has none).
 //
 // Ownership and threading: a plain value; one thread at a time per object
-// (const members included: a spec takes its text apart on first need).
+// (const members included: a path takes its text apart on first need).
 #pragma once
 
 #include <string>
@@ -47,7 +47,7 @@ public:
   static constexpr char DIR_SEP_CHAR = '/';
 #endif
 
-  /// The empty relative spec: no drive, no directories, no file name.
+  /// The empty relative path: no drive, no directories, no file name.
   FileSpec() = default;
   /// `path` taken apart in the platform's style.
   explicit FileSpec(std::string_view path);
@@ -70,8 +70,8 @@ public:
     return !IsAbsolute();
   }
   /// Drive, root, directories and file name joined with the style's
-  /// separator; a spec without a file name ends with the separator ("/a/b/",
-  /// "/" for the root, "" for the empty relative spec).
+  /// separator; a path without a file name ends with the separator ("/a/b/",
+  /// "/" for the root, "" for the empty relative path).
   std::string GetFullPath() const;
   /// GetFullPath() without the file name.
   std::string GetDirectoryPath() const;
@@ -86,21 +86,21 @@ public:
   bool PopDirectory();
 
   /// Removes "." directories and resolves ".." against the directory before
-  /// it. A relative spec keeps the ".." it cannot resolve; at the root of an
+  /// it. A relative path keeps the ".." it cannot resolve; at the root of an
   /// absolute one ".." is dropped (it never climbs above the root).
   FileSpec& Normalize();
-  /// This spec's file name, if any, becomes a directory and `relative` is
+  /// This path's file name, if any, becomes a directory and `relative` is
   /// appended; an absolute `relative` (or one with a drive) replaces this
-  /// spec instead.
+  /// path instead.
   FileSpec& Join(const FileSpec& relative);
-  /// Makes this spec the path that leads from the directory `base` (its file
+  /// Makes this path the one that leads from the directory `base` (its file
   /// name, if any, counts as a directory) to it, both normalised first.
-  /// False, and the spec unchanged, when there is none: one absolute and the
+  /// False, and the path unchanged, when there is none: one absolute and the
   /// other relative, other drives, or ".." in `base` beyond what the two
   /// share.
   bool MakeRelativeTo(const FileSpec& base);
 
-  /// Exact for Posix specs, ASCII case-insensitive for Windows specs.
+  /// Exact for Posix paths, ASCII case-insensitive for Windows paths.
   bool operator==(const FileSpec& other) const;
   bool operator!=(const FileSpec& other) const {
     return !(*this == other);
@@ -111,7 +111,7 @@ private:
   void Split() const;
 
   Style m_style = NATIVE_STYLE;
-  // The path as given, until it is taken apart: a spec that is only put back
+  // The path as given, until it is taken apart: a path that is only put back
   // together (FileSpec(p).GetFullPath()) is rendered from it in one pass.
   mutable std::string m_text;
   mutable bool m_split = true;

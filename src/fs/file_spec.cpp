@@ -88,7 +88,7 @@ void ParsePath(std::string_view path, FileSpec::Style style, Parts& parts) {
   }
 }
 
-// Fills a spec's parts.
+// Fills a path's parts.
 struct SpecParts {
   std::string& drive;
   std::vector<std::string>& directories;

@@ -33,22 +33,22 @@ TEST(FileSpec, AgreesWithStdFilesystemOnPosixPaths) {
     }
     SCOPED_TRACE(path);
     const std::filesystem::path ref(path);
-    FileSpec spec(path, Style::Posix);
-    EXPECT_EQ(spec.IsAbsolute(), ref.is_absolute());
+    FileSpec parsed(path, Style::Posix);
+    EXPECT_EQ(parsed.IsAbsolute(), ref.is_absolute());
     std::string name = ref.filename().string();
     if (name == "." || name == "..") name.clear();  // a directory to FileSpec
-    EXPECT_EQ(spec.GetFileName(), name);
+    EXPECT_EQ(parsed.GetFileName(), name);
     if (!name.empty()) {
-      EXPECT_EQ(spec.GetBaseName(), ref.stem().string());
+      EXPECT_EQ(parsed.GetBaseName(), ref.stem().string());
       const std::string ext = ref.extension().string();
-      EXPECT_EQ(spec.GetExtension(), ext.empty() ? ext : ext.substr(1));
+      EXPECT_EQ(parsed.GetExtension(), ext.empty() ? ext : ext.substr(1));
     }
-    // A full path reads back as the same spec.
-    EXPECT_EQ(FileSpec(spec.GetFullPath(), Style::Posix), spec);
+    // A full path reads back as the same path.
+    EXPECT_EQ(FileSpec(parsed.GetFullPath(), Style::Posix), parsed);
     std::string normal = ref.lexically_normal().string();
     if (normal == ".") normal.clear();
     if (normal.size() >= 2 && normal.compare(normal.size() - 2, 2, "..") == 0) normal += "/";
-    EXPECT_EQ(spec.Normalize().GetFullPath(), normal);
+    EXPECT_EQ(parsed.Normalize().GetFullPath(), normal);
   }
 }
 
@@ -67,12 +67,12 @@ TEST(FileSpec, WindowsFormsAndComparison) {
       {"a/b\\..", "", "a|b|..|", "", false, "a\\b\\..\\"},
   };
   for (const auto& c : cases) {
-    const FileSpec spec(c.path, Style::Windows);
-    EXPECT_EQ(spec.GetDrive() + "/" + Joined(spec.GetDirectories()) + spec.GetFileName(),
+    const FileSpec parsed(c.path, Style::Windows);
+    EXPECT_EQ(parsed.GetDrive() + "/" + Joined(parsed.GetDirectories()) + parsed.GetFileName(),
               std::string(c.drive) + "/" + c.dirs + c.file)
         << c.path;
-    EXPECT_EQ(spec.IsAbsolute(), c.absolute) << c.path;
-    EXPECT_EQ(spec.GetFullPath(), c.full) << c.path;
+    EXPECT_EQ(parsed.IsAbsolute(), c.absolute) << c.path;
+    EXPECT_EQ(parsed.GetFullPath(), c.full) << c.path;
   }
   EXPECT_EQ(FileSpec("C:\\Dir\\A.TXT", Style::Windows), FileSpec("c:/dir/a.txt", Style::Windows));
   EXPECT_NE(FileSpec("/Dir/A", Style::Posix), FileSpec("/dir/a", Style::Posix));
@@ -81,19 +81,19 @@ TEST(FileSpec, WindowsFormsAndComparison) {
 }
 
 TEST(FileSpec, EditingJoiningAndRelativePaths) {
-  FileSpec spec("dir/name.tar.gz", Style::Posix);
-  spec.SetBaseName("n2");
-  EXPECT_EQ(spec.GetFullPath(), "dir/n2.gz");
-  spec.SetExtension("");
-  EXPECT_EQ(spec.GetFileName(), "n2");
-  spec.SetExtension("md");
-  spec.AppendDirectory("sub");
-  EXPECT_EQ(spec.GetFullPath(), "dir/sub/n2.md");
-  EXPECT_EQ(spec.GetDirectoryPath(), "dir/sub/");
-  spec.SetFileName(".bashrc");
-  EXPECT_EQ(spec.GetExtension(), "");
-  EXPECT_TRUE(spec.PopDirectory() && spec.PopDirectory());
-  EXPECT_FALSE(spec.PopDirectory());
+  FileSpec parsed("dir/name.tar.gz", Style::Posix);
+  parsed.SetBaseName("n2");
+  EXPECT_EQ(parsed.GetFullPath(), "dir/n2.gz");
+  parsed.SetExtension("");
+  EXPECT_EQ(parsed.GetFileName(), "n2");
+  parsed.SetExtension("md");
+  parsed.AppendDirectory("sub");
+  EXPECT_EQ(parsed.GetFullPath(), "dir/sub/n2.md");
+  EXPECT_EQ(parsed.GetDirectoryPath(), "dir/sub/");
+  parsed.SetFileName(".bashrc");
+  EXPECT_EQ(parsed.GetExtension(), "");
+  EXPECT_TRUE(parsed.PopDirectory() && parsed.PopDirectory());
+  EXPECT_FALSE(parsed.PopDirectory());
   EXPECT_EQ(FileSpec("/..", Style::Posix).Normalize().GetFullPath(), "/");
   EXPECT_EQ(FileSpec("/a/b", Style::Posix).Join(FileSpec("c/d.txt", Style::Posix)).GetFullPath(),
             "/a/b/c/d.txt");
