@@ -1,18 +1,17 @@
 #include "oru/zip_data_stream.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <climits>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 
 #include "oru/file_data_source.h"
 #include "oru/make_shared_enabler.h"
 #include "text/echo_text.h"
+#include "zip/member_codec.h"
 #include "zip/zip_directory.h"
 
 namespace oru {
@@ -61,6 +60,16 @@ bool IsPossibleSize(const detail::ZipEntry& entry) {
          entry.size <= packed * MAX_DEFLATE_RATIO + 1024;
 }
 
+// Sizes `buffer` to `n` bytes; false when there is no memory for them.
+bool Reserve(std::vector<unsigned char>& buffer, uint64_t n) {
+  try {
+    buffer.resize(static_cast<size_t>(n));
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 struct ZipDataStream::Unzipper {
@@ -96,41 +105,29 @@ struct ZipDataStream::Unzipper {
   }
 
   // Raw deflate from `packed` bytes at `at` into exactly `size` bytes; false
-  // when the stream is corrupt or ends before filling them.
+  // when the stream is corrupt or ends before filling them. Compressed bytes
+  // that are in memory, or few enough to read whole, are inflated in one go;
+  // a stream far longer than its member (possible: deflate allows empty
+  // blocks) is fed to zlib in chunks, so it is never held whole.
   bool Inflate(uint64_t at, uint64_t packed, unsigned char* out, uint64_t size) {
-    z_stream stream{};
-    if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return false;
-    struct End {
-      z_stream* s;
-      ~End() { inflateEnd(s); }
-    } end{&stream};
-    const unsigned char* inPlace = reader.InPlace(at, packed);
+    if (const unsigned char* inPlace = reader.InPlace(at, packed))
+      return detail::InflateMember(inPlace, packed, out, size);
     std::vector<unsigned char> chunk;
-    uint64_t fed = 0;
-    uint64_t done = 0;
-    while (done < size) {
-      if (stream.avail_in == 0) {
-        if (fed == packed) return false;  // the data ends before the member does
-        const uint64_t n = std::min<uint64_t>(packed - fed, inPlace ? UINT_MAX : INPUT_CHUNK);
-        if (inPlace != nullptr) {
-          stream.next_in = const_cast<unsigned char*>(inPlace + fed);
-        } else {
-          chunk.resize(static_cast<size_t>(n));
-          if (!reader.ReadAt(at + fed, chunk.data(), n)) return false;
-          stream.next_in = chunk.data();
-        }
-        stream.avail_in = static_cast<uInt>(n);
-        fed += n;
-      }
-      stream.next_out = out + done;
-      stream.avail_out = static_cast<uInt>(std::min<uint64_t>(size - done, UINT_MAX));
-      const uInt room = stream.avail_out;
-      const int rc = inflate(&stream, Z_NO_FLUSH);
-      done += room - stream.avail_out;
-      if (rc == Z_STREAM_END) break;
-      if (rc != Z_OK && (rc != Z_BUF_ERROR || stream.avail_in != 0)) return false;
+    if (packed <= size + size / 1024 + INPUT_CHUNK && Reserve(chunk, packed)) {
+      return reader.ReadAt(at, chunk.data(), packed) &&
+             detail::InflateMember(chunk.data(), packed, out, size);
     }
-    return done == size;
+    uint64_t fed = 0;
+    return detail::InflateMemberZlib(
+        [&](const unsigned char*& piece, uint64_t& n) {
+          n = std::min<uint64_t>(packed - fed, INPUT_CHUNK);
+          chunk.resize(static_cast<size_t>(n));
+          piece = chunk.data();
+          if (!reader.ReadAt(at + fed, chunk.data(), n)) return false;
+          fed += n;
+          return true;
+        },
+        out, size);
   }
 
   // The member's bytes, checked against its CRC-32; null with the reason in
@@ -162,7 +159,7 @@ struct ZipDataStream::Unzipper {
                               : Inflate(dataStart, entry.compressedSize, out, entry.size);
     if (!complete) {
       *why = "corrupt data";
-    } else if (crc32_z(0, out, static_cast<z_size_t>(entry.size)) != entry.crc) {
+    } else if (detail::Crc32(out, entry.size) != entry.crc) {
       *why = "CRC-32 mismatch";
     }
     if (!why->empty()) return nullptr;

@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "zip/member_codec.h"
 #include "zip/minizip_bridge.h"
 
 namespace oru {
@@ -19,6 +20,7 @@ void* const OPEN_TOKEN = reinterpret_cast<void*>(1);
 constexpr uint64_t MIN_BLOCK = 4096;
 constexpr size_t MAX_NAME = 65535;
 constexpr uint64_t MAX_MEMBER = 0xFFFFFFFFull;  // the write count is 32 bits
+constexpr int DEFLATE_LEVEL = 6;
 
 // Members with these extensions are already compressed: store them.
 bool IsStoredExtension(const std::string& name) {
@@ -151,16 +153,23 @@ bool ZipWriter::AddFile(const std::shared_ptr<DataSource>& source,
 
   const std::string memberName = name.str();
   // A stored member is written with method 0, as every ZIP tool shows it
-  // (method 8 at level 0 would give stored deflate blocks instead).
+  // (method 8 at level 0 would give stored deflate blocks instead). Deflated
+  // members are compressed here, whole, and handed to minizip as raw data
+  // with their CRC-32 and size.
+  const auto* data = reinterpret_cast<const unsigned char*>(buffer->GetData());
   const bool stored = IsStoredExtension(memberName);
-  const int method = stored ? 0 : Z_DEFLATED;
-  const int level = stored ? 0 : Z_DEFAULT_COMPRESSION;
-  if (zipOpenNewFileInZip(impl->zipHandle, memberName.c_str(), nullptr, nullptr, 0, nullptr, 0,
-                          nullptr, method, level) != ZIP_OK)
+  std::string packed;
+  if (!stored && !detail::DeflateMember(data, size, DEFLATE_LEVEL, &packed)) return false;
+  if (zipOpenNewFileInZip2(impl->zipHandle, memberName.c_str(), nullptr, nullptr, 0, nullptr, 0,
+                           nullptr, stored ? 0 : Z_DEFLATED, stored ? 0 : DEFLATE_LEVEL,
+                           1) != ZIP_OK)
     return false;
+  const unsigned char* out = stored ? data : reinterpret_cast<const unsigned char*>(packed.data());
+  const uint64_t outSize = stored ? size : packed.size();
   const int written =
-      zipWriteInFileInZip(impl->zipHandle, buffer->GetData(), static_cast<unsigned>(size));
-  const int closed = zipCloseFileInZip(impl->zipHandle);
+      outSize == 0 ? ZIP_OK
+                   : zipWriteInFileInZip(impl->zipHandle, out, static_cast<unsigned>(outSize));
+  const int closed = zipCloseFileInZipRaw64(impl->zipHandle, size, detail::Crc32(data, size));
   return written == ZIP_OK && closed == ZIP_OK;
 }
 

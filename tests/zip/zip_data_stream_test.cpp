@@ -5,6 +5,7 @@
 #include <oru/zip_writer.h>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -378,6 +379,23 @@ TEST(ZipDataStreamHostile, ValidArchivesOfOddShapesOpen) {
   ASSERT_EQ(names, std::vector<std::string>{"dir\\file.txt"});
   EXPECT_EQ(Contents(archive->GetDataSourceForFile(names[0])), "backslash");
   EXPECT_EQ(Contents(archive->GetDataSourceForFile("DIR/file.txt")), "backslash");
+
+  // A deflate stream far longer than its member (70,000 bytes of empty
+  // stored blocks first), in a file: inflated in pieces, never held whole.
+  const std::string member = "padded member";
+  std::string stream;
+  for (int i = 0; i < 14000; ++i) stream += std::string("\0\0\0\xFF\xFF", 5);
+  stream += Deflate(member, 'r');
+  ZipBytes padded{MakeArchive({{"p.png", stream}})};  // stored, then made deflated:
+  // method, CRC-32 and size, 2 bytes further on in the central record
+  const uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(member.data()), 13);
+  for (size_t at : {padded.Local("p.png") - 2, padded.Central("p.png")}) {
+    padded.Put(at + 10, 8, 2), padded.Put(at + 16, crc, 4), padded.Put(at + 24, 13, 4);
+  }
+  TempDir dir;
+  WriteFile(dir.File("padded.zip"), padded.bytes);
+  auto file = ZipDataStream::Create(FileDataSource::Create(dir.File("padded.zip")));
+  EXPECT_EQ(Contents(file->GetDataSourceForFile("p.png")), member);
 }
 
 TEST(ZipDataStreamRegistry, ConcurrentCreateDestroyAndLookup) {
