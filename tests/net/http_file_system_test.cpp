@@ -103,6 +103,10 @@ TEST_F(Http, OutcomesLeaveTheWholeBodyOrNoFile) {
     const size_t tag = c.url.find("etag=");
     if (c.success) EXPECT_EQ(r.etag, tag == std::string::npos ? "" : c.url.substr(tag + 5));
   }
+  auto http = HttpFileSystem::Create();
+  EXPECT_EQ(
+      Get(*http, server->Base() + "/_/bytes/10", dir.File("none/out")).reason,
+      "cannot create a temporary file in " + dir.File("none") + ": No such file or directory");
 }
 
 TEST_F(Http, ParallelDownloadsReportOnlyFromThePumpingThread) {
@@ -127,6 +131,11 @@ TEST_F(Http, ParallelDownloadsReportOnlyFromThePumpingThread) {
   }
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(done, 0);  // nothing arrives without a pump
+  for (int i = 0; i < 1000 && done < 20; ++i) {
+    http->PumpCallbacks();
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(done, 20);
   ASSERT_TRUE(http->WaitIdle(30s));
   EXPECT_EQ(ok, 20);
   EXPECT_EQ(wrongThread, 0);
@@ -154,6 +163,10 @@ TEST_F(Http, DestructorCancelsAndRemovesTemporaryFiles) {
 
 TEST_F(Http, DataCacheFetchesRevalidatesAndFallsBack) {
   test::ScopedTempArea area(dir.path().string());
+  // A scratch file left by a process that died mid-download goes at start-up.
+  fs::create_directory(dir.path() / "QD_FileCache");
+  fs::permissions(dir.path() / "QD_FileCache", fs::perms::owner_all);
+  test::WriteFile(dir.File("QD_FileCache/fetch-stale"), "x");
   auto http = HttpFileSystem::Create();
   auto cache = DataCache::Create(http, 1 << 20);
   cache->Initialize();
