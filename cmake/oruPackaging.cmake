@@ -35,9 +35,9 @@ set(ORU_EXACT_RUNTIME "${ORU_RUNTIME_PACKAGE} (= ${PROJECT_VERSION}-${CPACK_DEBI
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${ORU_RUNTIME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-  "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}\n\
-liboru gives applications their data wherever it lies (memory, files,\n\
+# CPack puts the summary above each package's text.
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+  "liboru gives applications their data wherever it lies (memory, files,\n\
 gzip/zlib streams, sparse ranges, ZIP archives, an on-disk download cache)\n\
 and the plumbing round it: worker threads and a task pool, interned strings,\n\
 encoding conversion, a JSON writer, SHA-1/Base64 and heap tracing.\n\
@@ -49,17 +49,16 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 # package finds them (minizip through pkg-config) when it is loaded.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "${ORU_EXACT_RUNTIME}, libminizip-dev, zlib1g-dev, pkg-config")
-set(CPACK_COMPONENT_DEV_DESCRIPTION
-  "${CPACK_PACKAGE_DESCRIPTION_SUMMARY} (development files)\n\
-Headers, the CMake package (find_package(oru): oru::oru and the static\n\
-oru::oru_static), the pkg-config file oru.pc and the static library.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION
+  "The development files: headers, the CMake package (find_package(oru):\n\
+oru::oru and the static oru::oru_static), the pkg-config file oru.pc and\n\
+the static library.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME oru-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${ORU_EXACT_RUNTIME}")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-  "${CPACK_PACKAGE_DESCRIPTION_SUMMARY} (the oru command)\n\
-The oru command looks into the files liboru's users meet: ZIP archives,\n\
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+  "The oru command looks into the files liboru's users meet: ZIP archives,\n\
 the download cache, heap traces and digests.")
 
 # A package for each component that has something to install: oru-tools
