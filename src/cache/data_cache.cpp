@@ -48,7 +48,7 @@ void Report(std::function<void(bool)> const& done, bool ok) {
 // Each holds only a weak pointer to the cache: one that arrives after the
 // cache is gone does nothing.
 
-class DataCache::DirReady : public FileSystem::DirCallback {
+class ORU_LOCAL DataCache::DirReady : public FileSystem::DirCallback {
 public:
   explicit DirReady(std::weak_ptr<DataCache> c) : cache(std::move(c)) {}
   void OnDirReady(bool success) override {
@@ -63,7 +63,7 @@ private:
   std::weak_ptr<DataCache> cache;
 };
 
-class DataCache::InfoFetched : public FileSystem::Callback {
+class ORU_LOCAL DataCache::InfoFetched : public FileSystem::Callback {
 public:
   explicit InfoFetched(std::weak_ptr<DataCache> c) : cache(std::move(c)) {}
   void OnComplete(bool /*success*/) override {
@@ -82,7 +82,7 @@ private:
   std::weak_ptr<DataCache> cache;
 };
 
-class DataCache::FileWritten : public FileSystem::Callback {
+class ORU_LOCAL DataCache::FileWritten : public FileSystem::Callback {
 public:
   FileWritten(std::weak_ptr<DataCache> c, std::string p, uint64_t s, std::string n, std::string e,
               std::function<void(bool)> d)
@@ -119,7 +119,7 @@ private:
   std::function<void(bool)> done;
 };
 
-class DataCache::FileFetched : public FileSystem::Callback {
+class ORU_LOCAL DataCache::FileFetched : public FileSystem::Callback {
 public:
   using Done = std::function<void(std::shared_ptr<DataSource> const&, std::string const&)>;
   FileFetched(std::weak_ptr<DataCache> c, std::shared_ptr<FileInfo> r, std::string n, Done d)

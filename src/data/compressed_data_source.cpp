@@ -16,7 +16,7 @@ std::shared_ptr<CompressedDataSource> CompressedDataSource::CompressedDataSource
 
 // ---- file kind: pulls its input in 64 KiB blocks ---------------------------
 
-class CompressedFileDataSource::Impl final : public detail::Unzipper {
+class ORU_LOCAL CompressedFileDataSource::Impl final : public detail::Unzipper {
 public:
   Impl(std::shared_ptr<FileDataSource> src, uint64_t n)
       : Unzipper(n, Available(*src)), input(FILE_INPUT_BLOCK), source(std::move(src)) {
@@ -95,7 +95,7 @@ void CompressedFileDataSource::SetMemoryLimit(uint64_t bytes) {
 
 // ---- memory kind: inflates the block in place ------------------------------
 
-class CompressedInMemoryDataSource::Impl final : public detail::Unzipper {
+class ORU_LOCAL CompressedInMemoryDataSource::Impl final : public detail::Unzipper {
 public:
   Impl(std::shared_ptr<InMemoryDataSource> src, uint64_t n)
       : Unzipper(n, src->GetFileSize() - src->GetOffset()), source(std::move(src)) {

@@ -180,7 +180,7 @@ public:
 
 }  // namespace
 
-class HeapTrace::Tracer final : public MemoryEventHandler {
+class ORU_LOCAL HeapTrace::Tracer final : public MemoryEventHandler {
 public:
   explicit Tracer(std::string fileName) : m_fileName(std::move(fileName)) {}
   ~Tracer() override;

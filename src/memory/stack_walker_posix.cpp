@@ -72,7 +72,7 @@ std::string ShortName(const char* path) {
 
 }  // namespace
 
-struct StackWalker::Impl {
+struct ORU_LOCAL StackWalker::Impl {
   void* libdw = nullptr;
   Dwfl* dwfl = nullptr;
   char* debuginfoPath = nullptr;  // null: libdw's default search for separate debug files

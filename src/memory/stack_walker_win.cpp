@@ -204,7 +204,7 @@ std::string SymbolSearchPath() {
 
 }  // namespace
 
-struct StackWalker::Impl {
+struct ORU_LOCAL StackWalker::Impl {
   std::string searchPath;
   HANDLE process = GetCurrentProcess();
   HMODULE dbgHelp = nullptr;

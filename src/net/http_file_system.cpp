@@ -126,7 +126,7 @@ struct Job {
 
 // ---- the object's insides -------------------------------------------------------
 
-class HttpFileSystem::Impl {
+class ORU_LOCAL HttpFileSystem::Impl {
 public:
   Impl(HttpOptions o, std::shared_ptr<FileSystem> l) : options(std::move(o)), local(std::move(l)) {
     if (options.maxParallel == 0) options.maxParallel = 1;

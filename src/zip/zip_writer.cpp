@@ -35,7 +35,7 @@ bool IsStoredExtension(const std::string& name) {
 
 }  // namespace
 
-struct ZipWriter::Impl {
+struct ORU_LOCAL ZipWriter::Impl {
   struct Buffer {
     std::string bytes;  // its size is the block's capacity
     uint64_t pos = 0;   // where the next write goes
