@@ -144,18 +144,24 @@ int Check(std::vector<std::string> const& lists, bool quiet) {
         continue;
       }
       ++goodLines;
+      // sha1sum -c escapes only names with a line feed.
+      std::string shown = name;
+      if (name.find('\n') != std::string::npos) {
+        bool escaped;
+        shown = "\\" + EscapedName(name, escaped);
+      }
       std::string actual;
       try {
         actual = Sha1OfFile(name, quiet);
       } catch (Failure const& failure) {
         Complain(failure.what());
-        std::printf("%s: FAILED open or read\n", name.c_str());
+        std::printf("%s: FAILED open or read\n", shown.c_str());
         ++unreadable;
         continue;
       }
       const bool ok = actual == digest;
       if (!ok) ++mismatched;
-      std::printf("%s: %s\n", name.c_str(), ok ? "OK" : "FAILED");
+      std::printf("%s: %s\n", shown.c_str(), ok ? "OK" : "FAILED");
     }
     if (goodLines == 0) {
       Complain(list + ": no properly formatted SHA1 checksum lines found");

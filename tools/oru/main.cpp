@@ -25,21 +25,25 @@ namespace {
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
 
+void PrintCounters() {
+  std::fflush(stdout);
+  PerformanceCounter::VisitAllCounters([](BasicStringSpan<char const> tag, uint64_t value) {
+    std::printf("%.*s: %llu\n", static_cast<int>(tag.size()), tag.data(),
+                static_cast<unsigned long long>(value));
+  });
+}
+
+// `counters` alone prints them; `counters COMMAND...` is handled before
+// parsing (RunCommandLine), since CLI11 would take COMMAND for its own.
 void AddCountersCommand(CLI::App& app, Context& ctx) {
   auto* sub = app.add_subcommand(
       "counters",
-      "Runs the given oru command (if any), then prints the library's performance counters");
-  sub->prefix_command();
+      "Prints the library's performance counters, after running the oru command that follows");
   sub->footer("Example: oru counters zip test scene.zip");
-  sub->callback([sub, &ctx] {
-    ctx.run = [args = sub->remaining()] {
-      const int code = args.empty() ? 0 : RunCommandLine(args);
-      std::fflush(stdout);
-      PerformanceCounter::VisitAllCounters([](BasicStringSpan<char const> tag, uint64_t value) {
-        std::printf("%.*s: %llu\n", static_cast<int>(tag.size()), tag.data(),
-                    static_cast<unsigned long long>(value));
-      });
-      return code;
+  sub->callback([&ctx] {
+    ctx.run = [] {
+      PrintCounters();
+      return 0;
     };
   });
 }
@@ -52,6 +56,11 @@ void Complain(std::string const& message) {
 }
 
 int RunCommandLine(std::vector<std::string> args) {
+  if (args.size() > 1 && args[0] == "counters" && args[1] != "-h" && args[1] != "--help") {
+    const int code = RunCommandLine(std::vector<std::string>(args.begin() + 1, args.end()));
+    PrintCounters();
+    return code;
+  }
   Context ctx;
   CLI::App app(
       "liboru's files from the shell: ZIP archives, the download cache, digests, "
