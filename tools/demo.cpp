@@ -1,15 +1,16 @@
 // The liboru demo: the data road from the download cache to typed reads.
 //
-// It asks the on-disk cache for a scene archive by its URL. On the first run
-// the cache does not have it: the demo "downloads" it (packs a small
-// gzip-compressed model file and a readme into a ZIP archive on disk) and
-// adds it to the cache. A later run finds it in the cache, which survives
-// the process. Either way the archive is then read the way an application
-// does: cached file source -> ZipDataStream -> member by "zipdatastream://"
-// URL -> DataStream with a compressed section -> typed reads, and LineReader
-// for the text. Finally it reads a partly loaded (sparse) source the way a
-// viewer would that fetches byte ranges on demand. The cached file is opened
-// again through its "file://" URL, and every stage is recorded as an
+// It packs a scene archive (a small gzip-compressed model file and a readme)
+// and serves it from a local HTTP server on 127.0.0.1 at a free port, then
+// asks the on-disk cache for it by its URL through FetchIntoCache. On the
+// first run the cache does not have it: it is downloaded and added. A later
+// run finds it in the cache, which survives the process, and the server
+// confirms the cached copy with 304 Not Modified. (Built without liboru-net,
+// the demo adds the archive to the cache directly instead.) Either way the archive is then read the
+// way an application does: cached file source -> ZipDataStream -> member by "zipdatastream://" URL
+// -> DataStream with a compressed section -> typed reads, and LineReader for the text. Finally it
+// reads a partly loaded (sparse) source the way a viewer would that fetches byte ranges on demand.
+// The cached file is opened again through its "file://" URL, and every stage is recorded as an
 // apitrace::Range into a trace file (named at the end) that Perfetto's UI
 // shows.
 //
@@ -30,6 +31,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "demo_fetch.h"
 
 namespace {
 
@@ -68,15 +71,9 @@ std::string Gzip(const std::string& data) {
   return out;
 }
 
-bool WriteFile(const std::string& path, const std::string& bytes) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) return false;
-  const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-  return std::fclose(f) == 0 && ok;
-}
-
-// Stands in for a download: packs the scene archive and writes it to `path`.
-bool DownloadScene(const std::string& path) {
+// The scene archive: a gzip-compressed model file and a readme, packed in
+// memory. Its bytes are the same on every run, so the server's ETag is too.
+std::string PackScene() {
   oru::ZipWriter writer;
   writer.AddFile(oru::InMemoryDataSource::Create(Gzip(MakeModel()), false), "models/cube.bin.gz");
   writer.AddFile(
@@ -85,66 +82,18 @@ bool DownloadScene(const std::string& path) {
       "README.txt");
   auto archiveBytes = writer.GetDSForBuffer();
   auto* block = static_cast<oru::InMemoryDataSource*>(archiveBytes.get())->GetDataBuffer();
-  return WriteFile(path,
-                   std::string(reinterpret_cast<const char*>(block), archiveBytes->GetFileSize()));
-}
-
-// The cached source for `name`, or null. The file systems of the library
-// answer before GetFile returns.
-std::shared_ptr<oru::DataSource> FromCache(oru::DataCache& cache, const std::string& name) {
-  std::shared_ptr<oru::DataSource> found;
-  cache.GetFile(name, [&found](std::shared_ptr<oru::DataSource> const& src, std::string const&) {
-    found = src;
-  });
-  return found;
+  return std::string(reinterpret_cast<const char*>(block), archiveBytes->GetFileSize());
 }
 
 }  // namespace
 
 int RunDemo(bool fresh) {
-  namespace fs = std::filesystem;
-  const std::string sceneUrl = "https://example.com/scenes/scene.zip";
-
   // 1. Ask the download cache for the scene; fetch and add it when missing.
   std::optional<oru::apitrace::Range> stage;
   stage.emplace("cache");
-  auto cache = oru::DataCache::Create(oru::CreateNativeFileSystem(), 64 << 20);
-  cache->Initialize();
-  if (!cache->Initialized()) {
-    std::cerr << "the cache directory cannot be prepared\n";
-    return 1;
-  }
-  if (fresh) {
-    // Only the demo's own entry: the directory is shared with every other
-    // program that uses the library's cache.
-    cache->RemoveFile(sceneUrl);
-    cache->FinaliseCache();
-  }
-  std::cout << "cache " << cache->GetCacheDir() << ": " << cache->GetTotalSize() << " of "
-            << cache->GetSizeLimit() << " bytes used\n";
-
-  auto file = FromCache(*cache, sceneUrl);
-  if (file) {
-    std::cout << "found " << sceneUrl << " in the cache (" << cache->GetExtraData(sceneUrl)
-              << "), added by an earlier run\n";
-  } else {
-    const fs::path download = fs::temp_directory_path() / "oru_demo_download.zip";
-    if (!DownloadScene(download.string())) {
-      std::cerr << "cannot write " << download.string() << "\n";
-      return 1;
-    }
-    bool added = false;
-    cache->AddFile(
-        sceneUrl, oru::FileDataSource::Create(download.string()), [&added](bool ok) { added = ok; },
-        "downloaded by oru_demo");
-    fs::remove(download);
-    cache->FinaliseCache();  // the info file: the cache outlives this process
-    std::cout << "not cached yet: downloaded " << sceneUrl
-              << " and added it: " << (added ? "ok" : "FAILED")
-              << " (run the demo again to find it cached)\n";
-    file = FromCache(*cache, sceneUrl);
-    if (!file) return 1;
-  }
+  std::string sceneUrl;
+  auto file = FetchScene(fresh, PackScene(), sceneUrl);
+  if (!file) return 1;
 
   // 2. Open it as an archive of members addressed by URL, reached again by
   // the cached file's own "file://" URL.
