@@ -224,9 +224,11 @@ class OruCommand(unittest.TestCase):
     def test_cache_get_over_http(self):
         os.mkdir(self.path("site"))
         self.write("site/scene.zip", self.files["r.bin"])
-        handler = functools.partial(http.server.SimpleHTTPRequestHandler,
-                                    directory=self.path("site"))
-        handler.log_message = lambda *a: None
+        class Quiet(http.server.SimpleHTTPRequestHandler):
+            def log_message(self, *args):
+                pass
+
+        handler = functools.partial(Quiet, directory=self.path("site"))
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
         threading.Thread(target=server.serve_forever, daemon=True).start()
         self.addCleanup(server.server_close)
