@@ -161,8 +161,9 @@ class OruCommand(unittest.TestCase):
         self.assertEqual(ours.stdout, theirs.stdout)
         self.write("ours.sums", ours.stdout)
         self.write("theirs.sums", theirs.stdout.replace(b"  r.bin", b" *r.bin"))
+        self.write("tag.sums", tool("sha1sum", "--tag", "a.txt", "r.bin", cwd=self.dir).stdout)
         self.write("a.txt", b"changed\n")
-        for lists in (["ours.sums"], ["theirs.sums"], ["ours.sums", "theirs.sums"]):
+        for lists in (["ours.sums"], ["theirs.sums"], ["ours.sums", "tag.sums"]):
             ours, theirs = run("sha1", "-c", *lists, cwd=self.dir), tool(
                 "sha1sum", "-c", *lists, cwd=self.dir)
             self.assertEqual(ours.stdout, theirs.stdout)
