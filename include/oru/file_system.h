@@ -287,4 +287,52 @@ protected:
 /// WinFileSystem in the Windows build, PosixFileSystem elsewhere.
 ORU_API std::shared_ptr<FileSystem> CreateNativeFileSystem();
 
+/// A file system that hands every operation, unchanged, to another one (the
+/// "inner" file system, held by shared_ptr for the object's life). Derive
+/// from it to change a few operations and keep the rest:
+///
+///   class NoDeletes : public oru::ForwardingFileSystem {
+///   public:
+///     using ForwardingFileSystem::ForwardingFileSystem;
+///     int Unlink(char const*) override { return -1; }
+///   };
+///
+/// Callbacks of asynchronous operations are the inner file system's to
+/// deliver. Threading is the inner file system's.
+class ORU_API ForwardingFileSystem : public FileSystem {
+public:
+  /// Forwards to `inner`, which must not be null.
+  explicit ForwardingFileSystem(std::shared_ptr<FileSystem> inner);
+
+  /// The file system every operation goes to.
+  FileSystem& Inner() const { return *inner; }
+
+  void InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) override;
+  void PumpCallbacks() override;
+  void Sync() override;
+  void AsyncDownloadFile(char const* url, char const* localPath,
+                         std::shared_ptr<Callback> const& cb) override;
+  void FilesInDir(char const* dir, std::unordered_set<std::string>& out) override;
+  int Unlink(char const* path) override;
+  std::shared_ptr<DataSource> GetDS(char const* path) override;
+  std::shared_ptr<FSFilePointer> Fopen(char const* path, char const* mode) override;
+  void Fclose(std::shared_ptr<FSFilePointer> const& fp) override;
+  void Fwrite(void const* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
+  bool Stat(char const* path, FileStat& out) override;
+  uint64_t TouchFile(char const* path) override;
+  std::shared_ptr<FSFilePointer> CreateAndOpenTempFile(char const* dir, char const* ignored,
+                                                       int& counter, std::string& outPath) override;
+  void WriteAndCloseAsync(std::shared_ptr<DataSource> const& src,
+                          std::shared_ptr<FSFilePointer> const& fp,
+                          std::shared_ptr<Callback> const& cb) override;
+  bool Write(void* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
+  bool Write(std::string&& text, std::shared_ptr<FSFilePointer> const& fp) override;
+  std::string ReadLine(std::shared_ptr<FSFilePointer> const& fp) override;
+  char GetDirSeparator() override;
+  bool ReplaceFile(char const* from, char const* to) override;
+
+private:
+  std::shared_ptr<FileSystem> inner;
+};
+
 }  // namespace oru

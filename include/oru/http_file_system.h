@@ -90,7 +90,7 @@ struct HttpResult {
       reason;  ///< empty on success, else one line ("HTTP 404", "timed out after 2000 ms", ...)
 };
 
-class ORU_NET_API HttpFileSystem : public FileSystem {
+class ORU_NET_API HttpFileSystem : public ForwardingFileSystem {
 public:
   /// A file system over `local` (CreateNativeFileSystem() when null).
   static std::shared_ptr<HttpFileSystem> Create(HttpOptions options = {},
@@ -121,31 +121,11 @@ public:
   /// Delivers completed callbacks (and progress) on the calling thread.
   void PumpCallbacks() override;
 
-  // Everything else forwards to the local file system.
-  void InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) override;
-  void Sync() override;
-  void FilesInDir(char const* dir, std::unordered_set<std::string>& out) override;
-  int Unlink(char const* path) override;
-  std::shared_ptr<DataSource> GetDS(char const* path) override;
-  std::shared_ptr<FSFilePointer> Fopen(char const* path, char const* mode) override;
-  void Fclose(std::shared_ptr<FSFilePointer> const& fp) override;
-  void Fwrite(void const* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
-  bool Stat(char const* path, FileStat& out) override;
-  uint64_t TouchFile(char const* path) override;
-  std::shared_ptr<FSFilePointer> CreateAndOpenTempFile(char const* dir, char const* ignored,
-                                                       int& counter, std::string& outPath) override;
-  void WriteAndCloseAsync(std::shared_ptr<DataSource> const& src,
-                          std::shared_ptr<FSFilePointer> const& fp,
-                          std::shared_ptr<Callback> const& cb) override;
-  bool Write(void* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
-  bool Write(std::string&& text, std::shared_ptr<FSFilePointer> const& fp) override;
-  std::string ReadLine(std::shared_ptr<FSFilePointer> const& fp) override;
-  char GetDirSeparator() override;
-  bool ReplaceFile(char const* from, char const* to) override;
+  // Everything else goes to the local file system, unchanged.
 
 private:
   class Impl;
-  explicit HttpFileSystem(std::unique_ptr<Impl> impl);
+  HttpFileSystem(std::shared_ptr<FileSystem> local, std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl;
 };
 

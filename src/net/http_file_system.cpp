@@ -347,11 +347,12 @@ std::shared_ptr<HttpFileSystem> HttpFileSystem::Create(HttpOptions options,
   GlobalInitOnce();
   if (!local) local = CreateNativeFileSystem();
   // The constructor is private: make_shared cannot reach it.
-  return std::shared_ptr<HttpFileSystem>(
-      new HttpFileSystem(std::make_unique<Impl>(std::move(options), std::move(local))));
+  auto impl = std::make_unique<Impl>(std::move(options), local);
+  return std::shared_ptr<HttpFileSystem>(new HttpFileSystem(std::move(local), std::move(impl)));
 }
 
-HttpFileSystem::HttpFileSystem(std::unique_ptr<Impl> i) : impl(std::move(i)) {}
+HttpFileSystem::HttpFileSystem(std::shared_ptr<FileSystem> local, std::unique_ptr<Impl> i)
+    : ForwardingFileSystem(std::move(local)), impl(std::move(i)) {}
 
 HttpFileSystem::~HttpFileSystem() = default;
 
@@ -413,64 +414,6 @@ void HttpFileSystem::AsyncDownloadFile(char const* url, char const* localPath,
 
 void HttpFileSystem::PumpCallbacks() {
   impl->Pump();
-}
-
-void HttpFileSystem::InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) {
-  impl->local->InitDirToUse(name, cb);
-}
-void HttpFileSystem::Sync() {
-  impl->local->Sync();
-}
-void HttpFileSystem::FilesInDir(char const* dir, std::unordered_set<std::string>& out) {
-  impl->local->FilesInDir(dir, out);
-}
-int HttpFileSystem::Unlink(char const* path) {
-  return impl->local->Unlink(path);
-}
-std::shared_ptr<DataSource> HttpFileSystem::GetDS(char const* path) {
-  return impl->local->GetDS(path);
-}
-std::shared_ptr<FSFilePointer> HttpFileSystem::Fopen(char const* path, char const* mode) {
-  return impl->local->Fopen(path, mode);
-}
-void HttpFileSystem::Fclose(std::shared_ptr<FSFilePointer> const& fp) {
-  impl->local->Fclose(fp);
-}
-void HttpFileSystem::Fwrite(void const* data, uint64_t size,
-                            std::shared_ptr<FSFilePointer> const& fp) {
-  impl->local->Fwrite(data, size, fp);
-}
-bool HttpFileSystem::Stat(char const* path, FileStat& out) {
-  return impl->local->Stat(path, out);
-}
-uint64_t HttpFileSystem::TouchFile(char const* path) {
-  return impl->local->TouchFile(path);
-}
-std::shared_ptr<FSFilePointer> HttpFileSystem::CreateAndOpenTempFile(char const* dir,
-                                                                     char const* ignored,
-                                                                     int& counter,
-                                                                     std::string& outPath) {
-  return impl->local->CreateAndOpenTempFile(dir, ignored, counter, outPath);
-}
-void HttpFileSystem::WriteAndCloseAsync(std::shared_ptr<DataSource> const& src,
-                                        std::shared_ptr<FSFilePointer> const& fp,
-                                        std::shared_ptr<Callback> const& cb) {
-  impl->local->WriteAndCloseAsync(src, fp, cb);
-}
-bool HttpFileSystem::Write(void* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) {
-  return impl->local->Write(data, size, fp);
-}
-bool HttpFileSystem::Write(std::string&& text, std::shared_ptr<FSFilePointer> const& fp) {
-  return impl->local->Write(std::move(text), fp);
-}
-std::string HttpFileSystem::ReadLine(std::shared_ptr<FSFilePointer> const& fp) {
-  return impl->local->ReadLine(fp);
-}
-char HttpFileSystem::GetDirSeparator() {
-  return impl->local->GetDirSeparator();
-}
-bool HttpFileSystem::ReplaceFile(char const* from, char const* to) {
-  return impl->local->ReplaceFile(from, to);
 }
 
 }  // namespace oru

@@ -29,7 +29,7 @@ bool HasEntries(std::string const& dir) {
 
 CacheDirFileSystem::CacheDirFileSystem(std::shared_ptr<FileSystem> native, std::string dir,
                                        bool readOnly)
-    : m_native(std::move(native)), m_dir(std::move(dir)), m_readOnly(readOnly) {}
+    : ForwardingFileSystem(std::move(native)), m_dir(std::move(dir)), m_readOnly(readOnly) {}
 
 void CacheDirFileSystem::InitDirToUse(char const*, std::shared_ptr<DirCallback> const& cb) {
   // Checked again now: the directory is used from here on.
@@ -40,16 +40,7 @@ void CacheDirFileSystem::InitDirToUse(char const*, std::shared_ptr<DirCallback> 
 }
 
 void CacheDirFileSystem::Sync() {
-  if (!m_readOnly) m_native->Sync();
-}
-
-void CacheDirFileSystem::AsyncDownloadFile(char const* url, char const* localPath,
-                                           std::shared_ptr<Callback> const& cb) {
-  m_native->AsyncDownloadFile(url, localPath, cb);
-}
-
-void CacheDirFileSystem::FilesInDir(char const* dir, std::unordered_set<std::string>& out) {
-  m_native->FilesInDir(dir, out);
+  if (!m_readOnly) Inner().Sync();
 }
 
 int CacheDirFileSystem::Unlink(char const* path) {
@@ -57,38 +48,21 @@ int CacheDirFileSystem::Unlink(char const* path) {
     m_kept.emplace_back(path != nullptr ? path : "");
     return -1;
   }
-  return m_native->Unlink(path);
-}
-
-std::shared_ptr<DataSource> CacheDirFileSystem::GetDS(char const* path) {
-  return m_native->GetDS(path);
+  return Inner().Unlink(path);
 }
 
 std::shared_ptr<FSFilePointer> CacheDirFileSystem::Fopen(char const* path, char const* mode) {
   if (m_readOnly && mode != nullptr && std::string(mode).find_first_of("wa+") != std::string::npos)
     return nullptr;
-  return m_native->Fopen(path, mode);
-}
-
-void CacheDirFileSystem::Fclose(std::shared_ptr<FSFilePointer> const& fp) {
-  m_native->Fclose(fp);
-}
-
-void CacheDirFileSystem::Fwrite(void const* data, uint64_t size,
-                                std::shared_ptr<FSFilePointer> const& fp) {
-  m_native->Fwrite(data, size, fp);
-}
-
-bool CacheDirFileSystem::Stat(char const* path, FileStat& out) {
-  return m_native->Stat(path, out);
+  return Inner().Fopen(path, mode);
 }
 
 uint64_t CacheDirFileSystem::TouchFile(char const* path) {
   if (m_readOnly) {
     FileStat st;
-    return m_native->Stat(path, st) ? static_cast<uint64_t>(st.modifyTime) : 0;
+    return Inner().Stat(path, st) ? static_cast<uint64_t>(st.modifyTime) : 0;
   }
-  return m_native->TouchFile(path);
+  return Inner().TouchFile(path);
 }
 
 std::shared_ptr<FSFilePointer> CacheDirFileSystem::CreateAndOpenTempFile(char const* dir,
@@ -96,30 +70,11 @@ std::shared_ptr<FSFilePointer> CacheDirFileSystem::CreateAndOpenTempFile(char co
                                                                          int& counter,
                                                                          std::string& outPath) {
   if (m_readOnly) return nullptr;
-  return m_native->CreateAndOpenTempFile(dir, ignored, counter, outPath);
-}
-
-void CacheDirFileSystem::WriteAndCloseAsync(std::shared_ptr<DataSource> const& src,
-                                            std::shared_ptr<FSFilePointer> const& fp,
-                                            std::shared_ptr<Callback> const& cb) {
-  m_native->WriteAndCloseAsync(src, fp, cb);
-}
-
-bool CacheDirFileSystem::Write(void* data, uint64_t size,
-                               std::shared_ptr<FSFilePointer> const& fp) {
-  return m_native->Write(data, size, fp);
-}
-
-bool CacheDirFileSystem::Write(std::string&& text, std::shared_ptr<FSFilePointer> const& fp) {
-  return m_native->Write(std::move(text), fp);
-}
-
-std::string CacheDirFileSystem::ReadLine(std::shared_ptr<FSFilePointer> const& fp) {
-  return m_native->ReadLine(fp);
+  return Inner().CreateAndOpenTempFile(dir, ignored, counter, outPath);
 }
 
 bool CacheDirFileSystem::ReplaceFile(char const* from, char const* to) {
-  return !m_readOnly && m_native->ReplaceFile(from, to);
+  return !m_readOnly && Inner().ReplaceFile(from, to);
 }
 
 std::shared_ptr<CacheDirFileSystem> CacheFileSystem(std::string const& dir, CacheMode mode) {

@@ -29,7 +29,7 @@ namespace oru::tool {
 
 enum class CacheMode { ReadOnly, Writable, MayCreate };
 
-class CacheDirFileSystem : public FileSystem {
+class CacheDirFileSystem : public ForwardingFileSystem {
 public:
   CacheDirFileSystem(std::shared_ptr<FileSystem> native, std::string dir, bool readOnly);
 
@@ -38,31 +38,15 @@ public:
   std::vector<std::string> const& KeptFiles() const { return m_kept; }
 
   void InitDirToUse(char const* name, std::shared_ptr<DirCallback> const& cb) override;
-  void PumpCallbacks() override { m_native->PumpCallbacks(); }
   void Sync() override;
-  void AsyncDownloadFile(char const* url, char const* localPath,
-                         std::shared_ptr<Callback> const& cb) override;
-  void FilesInDir(char const* dir, std::unordered_set<std::string>& out) override;
   int Unlink(char const* path) override;
-  std::shared_ptr<DataSource> GetDS(char const* path) override;
   std::shared_ptr<FSFilePointer> Fopen(char const* path, char const* mode) override;
-  void Fclose(std::shared_ptr<FSFilePointer> const& fp) override;
-  void Fwrite(void const* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
-  bool Stat(char const* path, FileStat& out) override;
   uint64_t TouchFile(char const* path) override;
   std::shared_ptr<FSFilePointer> CreateAndOpenTempFile(char const* dir, char const* ignored,
                                                        int& counter, std::string& outPath) override;
-  void WriteAndCloseAsync(std::shared_ptr<DataSource> const& src,
-                          std::shared_ptr<FSFilePointer> const& fp,
-                          std::shared_ptr<Callback> const& cb) override;
-  bool Write(void* data, uint64_t size, std::shared_ptr<FSFilePointer> const& fp) override;
-  bool Write(std::string&& text, std::shared_ptr<FSFilePointer> const& fp) override;
-  std::string ReadLine(std::shared_ptr<FSFilePointer> const& fp) override;
-  char GetDirSeparator() override { return m_native->GetDirSeparator(); }
   bool ReplaceFile(char const* from, char const* to) override;
 
 private:
-  std::shared_ptr<FileSystem> m_native;
   std::string m_dir;
   bool m_readOnly;
   std::vector<std::string> m_kept;
