@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -70,6 +71,15 @@ std::string ShortName(const char* path) {
   return slash != nullptr ? std::string(slash + 1) : std::string(path);
 }
 
+// Walkers made and destroyed on several threads at once load and unload
+// libdw at the same time. The loader serialises that under a lock of its own,
+// which ThreadSanitizer cannot see; taking this one as well makes the order
+// visible to it (and costs nothing beside a dlopen).
+std::mutex& LoaderMutex() {
+  static std::mutex s_mutex;
+  return s_mutex;
+}
+
 }  // namespace
 
 struct ORU_LOCAL StackWalker::Impl {
@@ -90,7 +100,10 @@ struct ORU_LOCAL StackWalker::Impl {
   DwflModuleInfoFn moduleInfo = nullptr;
 
   Impl() {
-    libdw = dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
+    {
+      std::lock_guard<std::mutex> lock(LoaderMutex());
+      libdw = dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
+    }
     if (libdw == nullptr) {
       const char* why = dlerror();
       throw std::runtime_error(std::string("Error while loading libdw.so.1 (package libdw1): ") +
@@ -130,7 +143,10 @@ struct ORU_LOCAL StackWalker::Impl {
   void Close() noexcept {
     if (dwfl != nullptr) end(dwfl);
     dwfl = nullptr;
-    if (libdw != nullptr) dlclose(libdw);
+    if (libdw != nullptr) {
+      std::lock_guard<std::mutex> lock(LoaderMutex());
+      dlclose(libdw);
+    }
     libdw = nullptr;
   }
 
